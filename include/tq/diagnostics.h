@@ -1,5 +1,8 @@
 /// @file
-/// The private heap, the log and the object counts.
+/// The private heap, the log and the object counts: what is there from the moment of loading.
+///
+/// Nothing here needs TQInitialize or is undone by TQShutdown. Any thread may call any of it at any
+/// time. Nothing blocks, throws or runs a callback, and nothing is checked beyond what is told.
 #pragma once
 
 #include <tq/export.h>
@@ -9,13 +12,55 @@
 extern "C" {
 #endif
 
+// ---- the private heap --------------------------------------------------------------------------
+//
+// Lists and messages live on it. A block from here is freed here: neither free nor delete may be
+// given it, nor may TQFree be given a block from elsewhere.
+
+/// Allocates `size` bytes.
+///
+/// @return the block, not cleared, owned by the caller (give it back with TQFree); null if there is
+///         no memory.
 TQ_API void* TQAllocate(uint64_t size);
+
+/// Frees a block of TQAllocate or TQRealloc. Null is ignored.
 TQ_API void TQFree(void* ptr);
+
+/// Changes the size of a block and keeps its contents up to the smaller of the two sizes.
+///
+/// @param ptr   a block of TQAllocate or TQRealloc; null makes this TQAllocate.
+/// @param size  bytes. 0 does not free the block: the result is a block to be freed.
+/// @return the block, perhaps at another address, which takes the place of `ptr`; null if there is
+///         no memory, and `ptr` is then as it was and still the caller's.
 TQ_API void* TQRealloc(void* ptr, uint64_t size);
+
+// ---- the log -----------------------------------------------------------------------------------
+
+/// Says which log lines are delivered, and where. After loading none are.
+///
+/// @param mask       the levels to deliver, a union of _tag_TQ_LOG_LEVEL bits. Each level is asked
+///                   for by itself: TQ_LOG_ERROR alone brings no TQ_LOG_CRITICAL lines.
+/// @param verbosity  0 or more to deliver, negative to silence everything.
+/// @param callback   called for each line on the thread that logs it; null silences everything.
+///
+/// The three are stored one after the other. A thread that logs during a change may go by the new
+/// one of them and the old other, and a callback that was replaced may still be running: it must
+/// stay valid. No text is composed for a line that is not delivered.
 TQ_API void TQSetLogLevel(uint32_t mask, int32_t verbosity, TQLogCallback callback);
+
+/// Does nothing. Programs that call it can go on doing so.
 TQ_API void TQHandleUsageLog(void);
+
+// ---- counts ------------------------------------------------------------------------------------
+
+/// @return how many objects live and how often the operating system was asked to read and write.
+///
+/// Each count is right by itself, but they are read one after the other while others change. After
+/// TQShutdown `sessions` falls to 0 only when the last sending threads have ended, so poll for it.
+/// It does not fall to 0 in a process in which a session ended with requests unanswered: such a
+/// session is never freed (<tq/messaging.h>).
 TQ_API TQObjectCounts DEBUG_TQObjectCount(void);
 
 #ifdef __cplusplus
-} // extern "C"
+}  // extern "C"
 #endif

@@ -1,8 +1,9 @@
 /// @file
-/// The export macro, the only place of the public headers that looks at the platform.
+/// The export macro: the only place of the public headers that looks at the platform.
 ///
-/// TQ_STATIC            define it to use or to build the static library on Windows.
-/// TQ_BUILDING_LIBRARY  defined by the library's own build alone.
+/// Everything marked TQ_API can be used by a host; everything else in the headers that has no body
+/// is the library's own. On Windows a host that links the static library defines TQ_STATIC;
+/// TQ_BUILDING_LIBRARY is defined by the library's own build alone. Elsewhere neither matters.
 #pragma once
 
 #if defined(_WIN32)

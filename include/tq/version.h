@@ -1,5 +1,8 @@
 /// @file
 /// The version of these headers, for tests at compile time.
+///
+/// Semantic versions. While the first number is 0 the second one counts changes that callers must
+/// look at, and the third one all others.
 #pragma once
 
 #define TQ_VERSION_MAJOR 0
