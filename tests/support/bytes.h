@@ -16,7 +16,9 @@ namespace TQ::test {
 
 using Bytes = std::vector<uint8_t>;
 
-inline void Append(Bytes& out, const Bytes& more) { out.insert(out.end(), more.begin(), more.end()); }
+inline void Append(Bytes& out, const Bytes& more) {
+  out.insert(out.end(), more.begin(), more.end());
+}
 
 inline void AppendU32(Bytes& out, uint32_t value) {
   for (int shift = 0; shift < 32; shift += 8) {
@@ -80,8 +82,8 @@ inline Bytes Pattern(size_t count, uint32_t seed = 1) {
 
 /// The first `count` bytes, or all if there are fewer.
 inline Bytes Prefix(const Bytes& bytes, size_t count) {
-  return Bytes(bytes.begin(),
-               bytes.begin() + static_cast<std::ptrdiff_t>(count < bytes.size() ? count : bytes.size()));
+  return Bytes(bytes.begin(), bytes.begin() + static_cast<std::ptrdiff_t>(
+                                                  count < bytes.size() ? count : bytes.size()));
 }
 
 }  // namespace TQ::test

@@ -171,9 +171,7 @@ bool ChildProcess::ExpectSuccess(std::chrono::milliseconds timeout) {
   return ended->Succeeded();
 }
 
-bool ChildProcess::IsRunning() {
-  return child.id != 0 && !Wait(std::chrono::milliseconds{0});
-}
+bool ChildProcess::IsRunning() { return child.id != 0 && !Wait(std::chrono::milliseconds{0}); }
 
 void ChildProcess::Kill() {
   if (child.id != 0 && !status) {

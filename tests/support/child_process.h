@@ -44,10 +44,10 @@ struct RoleRegistration {
 };
 
 /// Defines the role `name`: the body that follows is the function, with `args` as its arguments.
-#define TQ_TEST_ROLE(name)                                                                  \
-  static int tqTestRole_##name([[maybe_unused]] const std::vector<std::string>& args);      \
-  static const ::TQ::test::RoleRegistration tqTestRoleRegistration_##name(                  \
-      #name, &tqTestRole_##name);                                                           \
+#define TQ_TEST_ROLE(name)                                                                     \
+  static int tqTestRole_##name([[maybe_unused]] const std::vector<std::string>& args);         \
+  static const ::TQ::test::RoleRegistration tqTestRoleRegistration_##name(#name,               \
+                                                                          &tqTestRole_##name); \
   static int tqTestRole_##name([[maybe_unused]] const std::vector<std::string>& args)
 
 constexpr std::chrono::milliseconds ROLE_TIME_LIMIT{50000};
@@ -82,12 +82,11 @@ class ChildProcess final {
 
   /// Reads lines up to one that begins with `prefix` and returns it; nullopt as ReadLine. The
   /// lines before it are dropped.
-  std::optional<std::string> ReadLineStarting(
-      const std::string& prefix, std::chrono::milliseconds timeout = DEFAULT_DEADLINE);
+  std::optional<std::string> ReadLineStarting(const std::string& prefix,
+                                              std::chrono::milliseconds timeout = DEFAULT_DEADLINE);
 
   /// All lines up to the end of the output or of the time.
-  std::vector<std::string> ReadRemainingLines(
-      std::chrono::milliseconds timeout = DEFAULT_DEADLINE);
+  std::vector<std::string> ReadRemainingLines(std::chrono::milliseconds timeout = DEFAULT_DEADLINE);
 
   /// True once the child has closed its output and everything was read.
   bool AtEnd() const { return outputEnded; }

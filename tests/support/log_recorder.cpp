@@ -16,23 +16,13 @@ namespace {
 struct Recording {
   std::mutex lock;
   std::condition_variable changed;
-  bool active = false;          // guarded by lock
-  std::vector<LogLine> lines;   // guarded by lock
+  bool active = false;         // guarded by lock
+  std::vector<LogLine> lines;  // guarded by lock
 };
 
 Recording& TheRecording() {
   static Recording* const recording = new Recording;
   return *recording;
-}
-
-void Record(uint32_t level, int32_t verbosity, const char* text) {
-  Recording& recording = TheRecording();
-  const std::lock_guard guard(recording.lock);
-  if (recording.active) {
-    recording.lines.push_back(
-        {level, verbosity, text != nullptr ? text : "", std::this_thread::get_id()});
-    recording.changed.notify_all();
-  }
 }
 
 bool HasPrefix(const LogLine& line, const std::string& prefix) {
@@ -51,8 +41,8 @@ bool WaitForLines(size_t count, std::chrono::milliseconds deadline,
   Recording& recording = TheRecording();
   std::unique_lock guard(recording.lock);
   return recording.changed.wait_for(guard, deadline, [&] {
-    return static_cast<size_t>(std::count_if(recording.lines.begin(), recording.lines.end(),
-                                             matches)) >= count;
+    return static_cast<size_t>(
+               std::count_if(recording.lines.begin(), recording.lines.end(), matches)) >= count;
   });
 }
 
@@ -76,6 +66,16 @@ LogRecorder::~LogRecorder() {
   Recording& recording = TheRecording();
   const std::lock_guard guard(recording.lock);
   recording.active = false;
+}
+
+void LogRecorder::Record(uint32_t level, int32_t verbosity, const char* text) {
+  Recording& recording = TheRecording();
+  const std::lock_guard guard(recording.lock);
+  if (recording.active) {
+    recording.lines.push_back(
+        {level, verbosity, text != nullptr ? text : "", std::this_thread::get_id()});
+    recording.changed.notify_all();
+  }
 }
 
 std::vector<LogLine> LogRecorder::Lines() const {

@@ -65,6 +65,9 @@ class LogRecorder final {
   size_t CountOfPrefix(const std::string& prefix) const;
   size_t CountOfLevel(uint32_t level) const;
 
+  /// The callback that the library gets. Tests of the recorder call it themselves.
+  static void Record(uint32_t level, int32_t verbosity, const char* text);
+
   /// Forgets what was recorded so far.
   void Clear();
 

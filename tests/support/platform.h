@@ -119,6 +119,9 @@ std::optional<ExitStatus> WaitChild(Child& child, std::chrono::milliseconds time
 /// Ends the child at once. It must not have been reaped.
 void KillChild(Child& child);
 
+/// True while the process runs, also if it is not a child of this one.
+bool ProcessExists(int64_t id);
+
 constexpr int EXIT_TIME_LIMIT = 97;
 constexpr int EXIT_PARENT_GONE = 98;
 

@@ -1,5 +1,3 @@
-#include "support/platform.h"
-
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <netinet/in.h>
@@ -19,6 +17,8 @@
 #include <fstream>
 #include <thread>
 #include <utility>
+
+#include "support/platform.h"
 
 extern char** environ;
 
@@ -375,9 +375,8 @@ bool SendDatagram(uint16_t port, const uint8_t* data, size_t size) {
     return false;
   }
   const sockaddr_in address = LoopbackAddress(port);
-  const ssize_t sent =
-      sendto(sender, data, size, MSG_NOSIGNAL, reinterpret_cast<const sockaddr*>(&address),
-             sizeof address);
+  const ssize_t sent = sendto(sender, data, size, MSG_NOSIGNAL,
+                              reinterpret_cast<const sockaddr*>(&address), sizeof address);
   close(sender);
   return sent == static_cast<ssize_t>(size);
 }
@@ -395,8 +394,7 @@ std::optional<Child> StartSelf(const std::vector<std::string>& arguments, bool m
     return std::nullopt;
   }
   const std::string path = OwnExecutable();
-  const int64_t id =
-      Spawn(path, arguments, input.read, output.write, lifeline.read, mergeErrors);
+  const int64_t id = Spawn(path, arguments, input.read, output.write, lifeline.read, mergeErrors);
   if (id == 0) {
     return std::nullopt;
   }
@@ -449,6 +447,16 @@ std::optional<ExitStatus> WaitChild(Child& child, Milliseconds timeout) {
 
 void KillChild(Child& child) { (void)kill(static_cast<pid_t>(child.id), SIGKILL); }
 
+// A process that has ended but whose parent does not ask counts as gone: its state is Z.
+bool ProcessExists(int64_t id) {
+  const auto text = ReadWholeFile("/proc/" + std::to_string(id) + "/stat");
+  if (!text) {
+    return false;
+  }
+  const size_t nameEnd = text->rfind(')');
+  return nameEnd != std::string::npos && nameEnd + 2 < text->size() && (*text)[nameEnd + 2] != 'Z';
+}
+
 void StartWatchdog(Milliseconds limit) {
   // Processes that the role itself starts must not hold the lifeline's reading end.
   (void)fcntl(LIFELINE_DESCRIPTOR, F_SETFD, FD_CLOEXEC);
@@ -459,13 +467,13 @@ void StartWatchdog(Milliseconds limit) {
   sigfillset(&all);
   pthread_sigmask(SIG_SETMASK, &all, &before);
   std::thread watchdog([end] {
-    (void)pthread_setname_np(pthread_self(), "watchdog");
     if (WaitFor(LIFELINE_DESCRIPTOR, POLLIN, end)) {
       _exit(EXIT_PARENT_GONE);
     }
     (void)std::fputs("role process: time limit reached\n", stderr);
     _exit(EXIT_TIME_LIMIT);
   });
+  (void)pthread_setname_np(watchdog.native_handle(), "watchdog");
   watchdog.detach();
   pthread_sigmask(SIG_SETMASK, &before, nullptr);
 }

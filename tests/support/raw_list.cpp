@@ -398,8 +398,7 @@ std::optional<RawList> ReadListStream(const std::function<std::optional<Bytes>(u
     if (!descriptor) {
       return std::nullopt;
     }
-    auto child =
-        ReadListStream(read, ReadU32(descriptor->data()), ReadU32(descriptor->data() + 4));
+    auto child = ReadListStream(read, ReadU32(descriptor->data()), ReadU32(descriptor->data() + 4));
     if (!child) {
       return std::nullopt;
     }

@@ -114,8 +114,8 @@ Bytes EntryHead(const std::string& name, uint8_t type);
 
 /// Reads a list tree whose top block has `size` bytes and whose top list has `count` nested lists.
 /// `read` gives exactly the bytes that it is asked for, or nullopt, which ends the reading.
-std::optional<RawList> ReadListStream(
-    const std::function<std::optional<Bytes>(uint32_t)>& read, uint32_t size, uint32_t count);
+std::optional<RawList> ReadListStream(const std::function<std::optional<Bytes>(uint32_t)>& read,
+                                      uint32_t size, uint32_t count);
 
 /// As ReadListStream, from bytes that must be used up exactly.
 std::optional<RawList> DecodeListStream(const Bytes& stream, uint32_t size, uint32_t count);

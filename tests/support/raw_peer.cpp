@@ -257,8 +257,8 @@ class RawPeer::Handshake {
     if (operation()) {
       ++result.stepsDone;
     } else {
-      result.failure = "step " + std::to_string(result.stepsDone + 1) + ", " + what + ": " +
-                       peer.problem;
+      result.failure =
+          "step " + std::to_string(result.stepsDone + 1) + ", " + what + ": " + peer.problem;
     }
   }
 
@@ -285,8 +285,8 @@ class RawPeer::Handshake {
   }
 
   bool SendSecondName(const std::string& name) {
-    return Send(options.secondNameBytes.value_or(
-        NameStringBytes(options.secondName.value_or(name))));
+    return Send(
+        options.secondNameBytes.value_or(NameStringBytes(options.secondName.value_or(name))));
   }
 
   HandshakeResult result;
@@ -302,8 +302,7 @@ HandshakeResult RawPeer::HandshakeAsConnector(const std::string& name, const Byt
   HandshakeResult& result = run.result;
   run.Step("send first name", [&] { return run.SendFirstName(name); });
   run.Step("receive first name", [&] { return run.ReceiveName(result.peerFirstName); });
-  run.Step("receive challenge",
-           [&] { return run.Receive(result.challenge, RAW_CHALLENGE_SIZE); });
+  run.Step("receive challenge", [&] { return run.Receive(result.challenge, RAW_CHALLENGE_SIZE); });
   run.Step("send digest", [&] {
     result.digest = options.digestBytes.value_or(DigestBytes(authBlock, result.challenge));
     if (options.wrongDigest && !result.digest.empty()) {
@@ -352,8 +351,7 @@ bool RawPeer::SendReply(uint32_t id, const RawList& list) {
   return SendBytes(ReplyBytes(id, list));
 }
 
-bool RawPeer::SendReply(uint32_t id, const Bytes& block, uint32_t handleCount,
-                        const Bytes& rest) {
+bool RawPeer::SendReply(uint32_t id, const Bytes& block, uint32_t handleCount, const Bytes& rest) {
   const auto blockSize = static_cast<uint32_t>(block.size());
   return SendBytes(Concat({ReplyHead(id, blockSize, handleCount), block, rest}));
 }

@@ -104,10 +104,10 @@ struct HandshakeResult {
   int stepsDone = 0;
   RawName peerFirstName;
   RawName peerSecondName;
-  Bytes challenge;            ///< received by a connector, sent by an acceptor
-  Bytes digest;               ///< sent by a connector, received by an acceptor
+  Bytes challenge;             ///< received by a connector, sent by an acceptor
+  Bytes digest;                ///< sent by a connector, received by an acceptor
   bool digestMatches = false;  ///< acceptor: the digest proves the block
-  std::string failure;        ///< empty if no step failed
+  std::string failure;         ///< empty if no step failed
 
   bool Completed() const { return stepsDone == 6; }
 };
