@@ -1,0 +1,310 @@
+#include "params/list_store.h"
+
+#include "frame/little_endian.h"
+#include "frame/object_counts.h"
+#include "frame/private_heap.h"
+
+#include <cstring>
+#include <new>
+#include <vector>
+
+using namespace TQ::detail;
+
+namespace TQ::detail {
+
+const _tag_HTQPARAMLIST g_nullParamList = {nullptr};
+
+}  // namespace TQ::detail
+
+namespace {
+
+constexpr uint32_t NAME_OFFSET = 1;  // the name stands behind the valueOffset byte
+constexpr uint32_t NO_POSITION = UINT32_MAX;
+
+uint32_t CheckedSize(uint64_t byteCount) {
+  if (byteCount > UINT32_MAX) throw std::bad_alloc();
+  return static_cast<uint32_t>(byteCount);
+}
+
+const char* TextOrEmpty(const char* text) { return text != nullptr ? text : ""; }
+
+}  // namespace
+
+FastHolderImpl::FastHolderImpl() { g_objectCounts.paramLists.fetch_add(1); }
+
+FastHolderImpl::~FastHolderImpl() {
+  g_objectCounts.paramLists.fetch_sub(1);
+  handles.Clear();
+  TQFree(data);
+}
+
+void* FastHolderImpl::operator new(std::size_t size) noexcept { return TQAllocate(size); }
+
+void FastHolderImpl::operator delete(void* block) { TQFree(block); }
+
+ListRef FastHolderImpl::Create() { return ListRef(new FastHolderImpl()); }
+
+// --- the walk ------------------------------------------------------------------------------------
+
+uint32_t FastHolderImpl::PositionOf(const _tag_TQPARAMINFO* entry) const {
+  const auto position = reinterpret_cast<uintptr_t>(entry) - reinterpret_cast<uintptr_t>(data);
+  if (position >= size) throw NoDataExeption();
+  return static_cast<uint32_t>(position);
+}
+
+const _tag_TQPARAMINFO* FastHolderImpl::EntryAt(uint32_t position) const {
+  return reinterpret_cast<const _tag_TQPARAMINFO*>(data + position);
+}
+
+const uint8_t* FastHolderImpl::ValueAt(uint32_t position) const {
+  const uint64_t valuePosition = uint64_t{position} + data[position];
+  if (valuePosition >= size) throw NoDataExeption();
+  return data + valuePosition;
+}
+
+uint64_t FastHolderImpl::EntryLength(uint32_t position) const {
+  const uint8_t* value = ValueAt(position);
+  const auto available = static_cast<uint64_t>(data + size - value);
+  return data[position] + ValueSizeWithin(value, available);
+}
+
+uint32_t FastHolderImpl::NextPosition(uint32_t position) const {
+  const uint64_t next = position + EntryLength(position);
+  if (next > size) throw NoDataExeption();
+  return static_cast<uint32_t>(next);
+}
+
+bool FastHolderImpl::HasName(uint32_t position, const char* name) const {
+  // The name's end comes from the block, which a peer may have sent: it is looked for inside only.
+  for (uint64_t i = uint64_t{position} + NAME_OFFSET; i < size; ++i, ++name) {
+    if (data[i] != static_cast<uint8_t>(*name)) return false;
+    if (*name == '\0') return true;
+  }
+  throw NoDataExeption();
+}
+
+const _tag_TQPARAMINFO* FastHolderImpl::FindParam(const char* name) const {
+  for (uint32_t position = 0; position < size; position = NextPosition(position)) {
+    if (HasName(position, name)) return EntryAt(position);
+  }
+  return nullptr;
+}
+
+const _tag_TQPARAMINFO* FastHolderImpl::FirstParam() const {
+  return size != 0 ? EntryAt(0) : nullptr;
+}
+
+const _tag_TQPARAMINFO* FastHolderImpl::NextParam(const _tag_TQPARAMINFO* entry) const {
+  const uint32_t next = NextPosition(PositionOf(entry));
+  return next < size ? EntryAt(next) : nullptr;
+}
+
+uint8_t FastHolderImpl::ValueType(const _tag_TQPARAMINFO* entry) const {
+  return *ValueAt(PositionOf(entry));
+}
+
+const uint8_t* FastHolderImpl::Payload(const _tag_TQPARAMINFO* entry, uint32_t byteCount) const {
+  const uint8_t* payload = ValueAt(PositionOf(entry)) + TYPE_SIZE;
+  if (static_cast<uint64_t>(data + size - payload) < byteCount) throw NoDataExeption();
+  return payload;
+}
+
+void FastHolderImpl::RequireTerminatedName(const _tag_TQPARAMINFO* entry) const {
+  const uint32_t position = PositionOf(entry);
+  if (std::memchr(data + position, 0, size - position) == nullptr) throw NoDataExeption();
+}
+
+void FastHolderImpl::CountParams() {
+  for (uint32_t position = 0; position < size; position = NextPosition(position)) ++paramCount;
+}
+
+// --- removal -------------------------------------------------------------------------------------
+
+const _tag_TQPARAMINFO* FastHolderImpl::RemoveParam(const _tag_TQPARAMINFO* entry) {
+  if (entry == nullptr) return nullptr;
+  const uint32_t position = PositionOf(entry);
+  const uint64_t length = EntryLength(position);
+  ReleaseHandleSlots(position);  // needs the entry in its place
+  if (position + length <= size) {
+    const auto end = static_cast<uint32_t>(position + length);
+    std::memmove(data + position, data + end, size - end);
+    size -= static_cast<uint32_t>(length);
+  }
+  --paramCount;
+  return position < size ? EntryAt(position) : nullptr;
+}
+
+void FastHolderImpl::RemoveAll() {
+  paramCount = 0;
+  handles.Clear();
+  size = 0;
+}
+
+/// Gives every handle index in the block to `change`, which may replace it; NO_HANDLE_INDEX and the
+/// entry at `exceptPosition` are left out.
+template <typename Change>
+void FastHolderImpl::ForEachHandleIndex(uint32_t exceptPosition, Change change) {
+  const auto apply = [&change](uint8_t* word) {
+    const uint32_t index = LoadDword(word);
+    if (index != NO_HANDLE_INDEX) StoreDword(word, change(index));
+  };
+  uint32_t next = 0;
+  for (uint32_t position = 0; position < size; position = next) {
+    // Stepping first proves that the entry lies in the block before anything in it is touched.
+    next = NextPosition(position);
+    if (position == exceptPosition) continue;
+    const uint32_t typePosition = position + data[position];
+    const uint8_t type = data[typePosition];
+    uint8_t* payload = data + typePosition + TYPE_SIZE;
+    if (type == PT_PARAMHANDLE) apply(payload);
+    if (type == ArrayOf(PT_PARAMHANDLE)) {
+      const uint32_t count = LoadDword(payload);
+      for (uint32_t i = 0; i < count; ++i) apply(payload + DWORD_SIZE * (uint64_t{i} + 1));
+    }
+  }
+}
+
+void FastHolderImpl::ReleaseHandleSlots(uint32_t position) {
+  const uint8_t* value = ValueAt(position);
+  if (*value == PT_PARAMHANDLE) ReleaseSingleSlot(LoadDword(At(position + data[position] + 1, 4)));
+  if (*value == ArrayOf(PT_PARAMHANDLE)) ReleaseArraySlots(position);
+}
+
+void FastHolderImpl::ReleaseSingleSlot(uint32_t index) {
+  if (index == NO_HANDLE_INDEX || handles.Empty()) return;
+  if (index < handles.Size() - 1) {
+    ForEachHandleIndex(NO_POSITION,
+                       [index](uint32_t other) { return other > index ? other - 1 : other; });
+  }
+  // Intended: an index that names no slot, which only a peer can send, drops the last slot.
+  if (index < handles.Size()) handles.RotateToEnd(index);
+  handles.DropLast();
+}
+
+void FastHolderImpl::ReleaseArraySlots(uint32_t position) {
+  const uint32_t payloadPosition = position + data[position] + TYPE_SIZE;
+  const uint32_t count = LoadDword(At(payloadPosition, DWORD_SIZE));
+  for (uint32_t i = 0; i < count; ++i) {
+    const uint64_t word = payloadPosition + DWORD_SIZE * (uint64_t{i} + 1);
+    if (word > UINT32_MAX) throw NoDataExeption();
+    const uint32_t index = LoadDword(At(static_cast<uint32_t>(word), DWORD_SIZE));
+    // A peer may name a slot that is not there, or one slot twice.
+    if (index < handles.Size()) handles[index].Reset();
+  }
+
+  std::vector<uint32_t, TQHeapAllocator<uint32_t>> remap(handles.Size(), 0);
+  HandleSlots kept;
+  for (uint32_t i = 0; i < handles.Size(); ++i) {
+    if (!handles[i].IsValid()) continue;
+    remap[i] = kept.Size();
+    kept.Push(handles[i]);
+  }
+  handles.Swap(kept);
+
+  ForEachHandleIndex(
+      position, [&remap](uint32_t index) { return index < remap.size() ? remap[index] : index; });
+}
+
+// --- stores --------------------------------------------------------------------------------------
+
+void FastHolderImpl::BeginStore(const char* name, uint8_t type) {
+  RemoveParam(FindParam(name));
+  owner->AppendName(name, type);
+}
+
+uint32_t FastHolderImpl::PushHandle(FastHolderImpl* list) {
+  ListRef reference(list);
+  if (!reference.IsValid()) return NO_HANDLE_INDEX;
+  handles.Push(std::move(reference));
+  return handles.Size() - 1;
+}
+
+void FastHolderImpl::AppendBinary(const void* bytes, uint32_t length) {
+  owner->AppendDword(length);
+  owner->AppendAligned(bytes, length);
+}
+
+void FastHolderImpl::StoreHandle(const char* name, FastHolderImpl* list) {
+  BeginStore(name, PT_PARAMHANDLE);
+  owner->AppendDword(PushHandle(list));
+  FinishStore();
+}
+
+void FastHolderImpl::StoreBinary(const char* name, const void* bytes, uint32_t length) {
+  BeginStore(name, PT_BINARY);
+  AppendBinary(bytes, length);
+  FinishStore();
+}
+
+void FastHolderImpl::StoreInt64(const char* name, uint64_t value) {
+  BeginStore(name, PT_INT64);
+  owner->AppendAligned(&value, QWORD_SIZE);
+  FinishStore();
+}
+
+void FastHolderImpl::StoreDwords(const char* name, uint8_t type, const void* values, uint32_t count,
+                                 uint32_t elementSize) {
+  BeginStore(name, type);
+  owner->AppendDword(count);
+  owner->AppendAligned(values, CheckedSize(uint64_t{count} * elementSize));
+  FinishStore();
+}
+
+void FastHolderImpl::StoreInt32Array(const char* name, const uint32_t* values, uint32_t count) {
+  StoreDwords(name, ArrayOf(PT_INT32), values, count, DWORD_SIZE);
+}
+
+void FastHolderImpl::StoreInt64Array(const char* name, const uint64_t* values, uint32_t count) {
+  StoreDwords(name, ArrayOf(PT_INT64), values, count, QWORD_SIZE);
+}
+
+void FastHolderImpl::StoreHandleArray(const char* name, const _tag_HTQPARAMLIST* values,
+                                      uint32_t count) {
+  BeginStore(name, ArrayOf(PT_PARAMHANDLE));
+  owner->AppendDword(count);
+  const uint32_t table = size;
+  const uint32_t tableSize = CheckedSize(uint64_t{count} * DWORD_SIZE);
+  Grow(tableSize);
+  size += tableSize;
+  for (uint32_t i = 0; i < count; ++i) {
+    StoreDword(At(table + i * DWORD_SIZE, DWORD_SIZE), PushHandle(values[i].impl));
+  }
+  FinishStore();
+}
+
+/// The count, a table of offsets from the end of that table, and the elements in order.
+template <typename AppendElement>
+void FastHolderImpl::StoreOffsetArray(const char* name, uint8_t type, uint32_t count,
+                                      AppendElement appendElement) {
+  BeginStore(name, type);
+  owner->AppendDword(count);
+  const uint32_t table = size;
+  const uint32_t tableSize = CheckedSize(uint64_t{count} * DWORD_SIZE);
+  Grow(tableSize);
+  size += tableSize;
+  const uint32_t elements = size;
+  for (uint32_t i = 0; i < count; ++i) {
+    StoreDword(At(table + i * DWORD_SIZE, DWORD_SIZE), size - elements);
+    appendElement(i);
+  }
+  FinishStore();
+}
+
+void FastHolderImpl::StoreStringArray(const char* name, const char* const* values, uint32_t count) {
+  StoreOffsetArray(name, ArrayOf(PT_STRING), count, [this, values](uint32_t i) {
+    const char* text = TextOrEmpty(values[i]);
+    owner->AppendAligned(text, CheckedSize(uint64_t{std::strlen(text)} + 1));
+  });
+}
+
+void FastHolderImpl::StoreBinaryArray(const char* name, const void* const* datas,
+                                      const uint32_t* sizes, uint32_t count) {
+  StoreOffsetArray(name, ArrayOf(PT_BINARY), count,
+                   [this, datas, sizes](uint32_t i) { AppendBinary(datas[i], sizes[i]); });
+}
+
+void FastHolderImpl::StoreBinaryItemArray(const char* name, const _tag_BINARYITEM* items,
+                                          uint32_t count) {
+  StoreOffsetArray(name, ArrayOf(PT_BINARY), count,
+                   [this, items](uint32_t i) { AppendBinary(items[i].data, items[i].size); });
+}

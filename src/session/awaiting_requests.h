@@ -1,0 +1,44 @@
+// The requests of one session that went out and wait for their reply.
+#pragma once
+
+#include "frame/locks.h"
+#include "frame/private_heap.h"
+#include "wire/message.h"
+
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <utility>
+
+namespace TQ::detail {
+
+/// Requests by id, each with a reference.
+///
+/// Threads: the sending thread inserts and cancels, the receiving thread takes out. No entry has a
+/// time limit.
+class AwaitingRequests {
+ public:
+  /// Makes the entry of `message`, replacing and releasing what stood under its id.
+  void Insert(MessageRef message);
+
+  /// Takes the entry of `requestId` out; null when there is none.
+  MessageRef Take(uint32_t requestId);
+
+  /// Completes every entry as cancelled, in the order of ids, with the lock held.
+  ///
+  /// Intended: the entries stay. Each message holds its session, so a session that ended with
+  /// unanswered requests is kept for the rest of the process, channel included.
+  void CancelAll();
+
+  /// Releases every entry.
+  void Clear();
+
+ private:
+  using Entry = std::pair<const uint32_t, MessageRef>;
+
+  // Recursive: a completion callback that CancelAll runs may come back here on its thread.
+  RecursiveMutex lock;
+  std::map<uint32_t, MessageRef, std::less<>, TQHeapAllocator<Entry>> entries TQ_GUARDED_BY(lock);
+};
+
+}  // namespace TQ::detail

@@ -1,0 +1,81 @@
+// The sending thread of a session: the only writer to its channel, and the one that takes the
+// session down.
+#include "frame/log.h"
+#include "platform/threads.h"
+#include "session/application_registry.h"
+#include "session/dispatcher.h"
+#include "session/session.h"
+
+using namespace TQ::detail;
+
+namespace {
+
+constexpr uint32_t POLL_MS = 5000;  ///< how long a stop without a wake-up can go unnoticed
+
+}  // namespace
+
+/// Ends on: stopRequested, stopAll, a failed write of a call. Nobody joins this thread.
+void TQAPPImpl::SendingThreadBody() {
+  TQ::platform::SetCurrentThreadName("tq-send");
+  AwaitSendingStart();
+  AnnounceSendingReady();  // before the test, other than the receiving thread: it has no entry to
+                           // make
+  if (!Authenticated()) {
+    LogNotInitialized();
+    return;
+  }
+  WriteMessages();
+  EndSending();
+}
+
+void TQAPPImpl::WriteMessages() {
+  while (!StopAllRequested() && !StopWanted()) {
+    const MessageRef message = outgoing.Pop(POLL_MS);
+    if (message.IsValid() && !WriteOne(message)) return;
+  }
+}
+
+/// False when a call could not be written, which ends the sending side.
+bool TQAPPImpl::WriteOne(const MessageRef& message) {
+  // Taken once: a reply that comes before the request is written must not change what is written.
+  const uint32_t kind = message->Kind();
+  const bool wantsReply = kind == MSG_CALL;
+  if (wantsReply) {
+    message->BeginWriting();
+    // Before the first byte, so that a reply can never arrive ahead of its entry.
+    awaitingRequests->Insert(message);
+  }
+  const bool written = message->Serialize(kind) >= 0;
+  if (wantsReply) message->EndWriting();
+  // Intended: a reply or notification that cannot be written is dropped without a sign; the
+  // receiving thread finds out about a dead peer on its own.
+  if (written || !wantsReply) return true;
+  FinishFailedRequest(message);
+  return false;
+}
+
+/// Intended: the dispatcher completes the request with its own empty result, which the caller
+/// cannot tell from an empty reply. A cancelled request gives the null handle instead.
+void TQAPPImpl::FinishFailedRequest(const MessageRef& message) {
+  MessageRef request = awaitingRequests->Take(message->RequestId());
+  if (!request.IsValid()) return;
+  request->SetKind(MSG_REPLY);
+  Dispatch(std::move(request));
+}
+
+void TQAPPImpl::EndSending() {
+  Log(TQ_LOG_INFO, "Removing application ", name);
+  // From here on nobody finds the session, so a call that has found it is in the queue by now.
+  g_applications.Erase(name);
+  DrainOutgoing();
+  Log(TQ_LOG_INFO, "Cancel postponed outgoing Outgoing messages queue has been cleared for", name);
+  awaitingRequests->CancelAll();
+  Log(TQ_LOG_INFO, "All awaiting requests cancelled for ", name);
+  LogThreadFinished("Sending thread finished for ");
+}
+
+void TQAPPImpl::DrainOutgoing() {
+  for (MessageRef message = outgoing.Pop(0); message.IsValid(); message = outgoing.Pop(0)) {
+    message->Complete(true);
+  }
+}
