@@ -39,8 +39,9 @@ class TQMemoryBufferTpl2 {
   /// Appends 4 bytes, little-endian.
   void AppendDword(uint32_t value);
 
-  /// Grows by `count` bytes and reads exactly as many from the channel. `size` stays as it was if
-  /// the read fails. Returns what the channel returns, negative for a failure.
+  /// Grows by `count` bytes and reads exactly as many from the channel. If the read fails `size`
+  /// stays as it was, and the room remains. Returns what the channel returns, negative for a
+  /// failure, also for one to grow.
   int32_t AppendFromChannel(ITransportChannel& channel, uint32_t count);
 
   /// Writes the block in one go, and then the 8 bytes that announce the next block. Returns the
@@ -48,8 +49,8 @@ class TQMemoryBufferTpl2 {
   int32_t WriteWithDescriptor(ITransportChannel& channel, uint32_t nextSize,
                               uint32_t nextCount) const;
 
-  /// Makes room for exactly `byteCount` more bytes, counts them as used, and returns their start.
-  /// Pointers into the block are not good after it.
+  /// Makes room for exactly `byteCount` more bytes and returns the place where they begin; `size`
+  /// stays. Pointers into the block are not good after it. Throws std::bad_alloc.
   uint8_t* Grow(uint32_t byteCount);
 
   /// The bytes from `position` on. Throws NoDataExeption unless `byteCount` of them are in use.

@@ -133,9 +133,9 @@ TQ_API _tag_TQ_ERROR TQNotify(const char* applicationName, unsigned slotId,
                               _tag_HTQPARAMLIST params, TQNotifyCallback callback, void* context);
 
 /// As TQNotify, with a flow id in the list as for TQCallWithFlow.
-TQ_API _tag_TQ_ERROR TQNotifyWithFlow(unsigned flowId, const char* applicationName,
-                                      unsigned slotId, _tag_HTQPARAMLIST params,
-                                      TQNotifyCallback callback, void* context);
+TQ_API _tag_TQ_ERROR TQNotifyWithFlow(unsigned flowId, const char* applicationName, unsigned slotId,
+                                      _tag_HTQPARAMLIST params, TQNotifyCallback callback,
+                                      void* context);
 
 // ---- signals -----------------------------------------------------------------------------------
 

@@ -19,7 +19,6 @@
 /// Not checked: everything else. A null name, a handle whose list is gone, a wrong count, an entry
 /// pointer that is no longer good are undefined. Names are case-sensitive bytes and may be empty.
 /// A name longer than 253 bytes is not refused, but the list can no longer be read from there on.
-/// A block is limited to 4 GiB, and neither that nor the end of memory is tested for.
 ///
 /// Views. A pointer that a getter or an iterating function returns points into the block. It stays
 /// good until something is stored into or removed from that list, or the list dies. A value taken
@@ -41,8 +40,9 @@
 /// Exceptions. A function that walks over a damaged entry throws _tag_TQPARAMVALUE::DataDamaged
 /// (unknown type) or TQMemoryBufferTpl2<0>::NoDataExeption (the entry reaches beyond the block),
 /// and the list stays as it was. Lists that were received or built with legal names have no such
-/// entries. A C host must be built so that an exception can pass through it, or else it ends the
-/// process.
+/// entries. A store for which there is no memory, or that would bring a block to 4 GiB, throws
+/// std::bad_alloc; that list can then only be closed. A C host must be built so that an exception
+/// can pass through it, or else it ends the process.
 #pragma once
 
 #include <tq/export.h>
