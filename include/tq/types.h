@@ -32,37 +32,43 @@
 
 // ---- codes -------------------------------------------------------------------------------------
 
+// The macro hides from the formatter that these are enumerations.
+// clang-format off
+
 /// Result of most functions: zero is success, every failure is negative.
 ///
 /// -2 and -6 are holes and are never returned. There is no last error kept anywhere.
-typedef enum _tag_TQ_ERROR TQ_ENUM_BASE(int32_t){
-    TQ_ERR_OK = 0,               ///< success
-    TQ_ERR_FAILED = -1,          ///< null list, peer not reached, transport failure
-    TQ_ERR_NO_SUCH_SLOT = -3,    ///< no slot of that id is registered here
-    TQ_ERR_NO_SUCH_SIGNAL = -4,  ///< no signal of that name is registered here
-    TQ_ERR_NO_SESSION = -5,      ///< no session with an application of that name
-    TQ_ERR_NAME_REJECTED = -7    ///< another application name is in force, or a peer refused us
+typedef enum _tag_TQ_ERROR TQ_ENUM_BASE(int32_t) {
+  TQ_ERR_OK = 0,               ///< success
+  TQ_ERR_FAILED = -1,          ///< null list, peer not reached, transport failure
+  TQ_ERR_NO_SUCH_SLOT = -3,    ///< no slot of that id is registered here
+  TQ_ERR_NO_SUCH_SIGNAL = -4,  ///< no signal of that name is registered here
+  TQ_ERR_NO_SESSION = -5,      ///< no session with an application of that name
+  TQ_ERR_NAME_REJECTED = -7    ///< another application name is in force, or a peer refused us
 } _tag_TQ_ERROR;
 
 /// Severity of a log line. Each line has exactly one of these bits; a mask is a union of them and
 /// selects by bit: it is not a threshold.
-typedef enum _tag_TQ_LOG_LEVEL TQ_ENUM_BASE(uint32_t){
-    TQ_LOG_CRITICAL = 1,  ///< cannot listen, too many connections
-    TQ_LOG_ERROR = 2,     ///< a connection could not be accepted or admitted
-    TQ_LOG_WARNING = 4,   ///< a peer failed the handshake
-    TQ_LOG_INFO = 8       ///< everything else, failed reads and writes included
+typedef enum _tag_TQ_LOG_LEVEL TQ_ENUM_BASE(uint32_t) {
+  TQ_LOG_CRITICAL = 1,  ///< cannot listen, too many connections
+  TQ_LOG_ERROR = 2,     ///< a connection could not be accepted or admitted
+  TQ_LOG_WARNING = 4,   ///< a peer failed the handshake
+  TQ_LOG_INFO = 8       ///< everything else, failed reads and writes included
 } _tag_TQ_LOG_LEVEL;
 
 /// Type codes of stored values. The code of an array is its element's code with PT_ARRAY_FLAG set,
 /// 0x81 for an array of strings and so on up to 0x85.
-typedef enum _tag_PARAM_TYPES TQ_ENUM_BASE(uint32_t){
-    PT_UNKNOWN = 0,      ///< never stored
-    PT_STRING = 1,       ///< text with its NUL
-    PT_INT32 = 2,        ///< 32 bits, signed or not as the applications agree
-    PT_INT64 = 3,        ///< 64 bits, likewise
-    PT_PARAMHANDLE = 4,  ///< a nested list
-    PT_BINARY = 5,       ///< bytes with their length
-    PT_ARRAY_FLAG = 0x80} _tag_PARAM_TYPES;
+typedef enum _tag_PARAM_TYPES TQ_ENUM_BASE(uint32_t) {
+  PT_UNKNOWN = 0,      ///< never stored
+  PT_STRING = 1,       ///< text with its NUL
+  PT_INT32 = 2,        ///< 32 bits, signed or not as the applications agree
+  PT_INT64 = 3,        ///< 64 bits, likewise
+  PT_PARAMHANDLE = 4,  ///< a nested list
+  PT_BINARY = 5,       ///< bytes with their length
+  PT_ARRAY_FLAG = 0x80
+} _tag_PARAM_TYPES;
+
+// clang-format on
 
 /// Index of a list value that holds no list.
 #ifdef __cplusplus
