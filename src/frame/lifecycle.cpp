@@ -106,15 +106,15 @@ void StopAllSessions() {
 
 }  // namespace
 
-_tag_TQ_ERROR TQInitialize(const char* name, int32_t port, const _tag_TQLIMITS* limits) {
-  return TQInitializeEx(DEFAULT_HOST, name, port, limits);
+_tag_TQ_ERROR TQInitialize(const char* name, int32_t port, const _tag_TQLIMITS* record) {
+  return TQInitializeEx(DEFAULT_HOST, name, port, record);
 }
 
 _tag_TQ_ERROR TQInitializeEx(const char* host, const char* name, int32_t port,
-                             const _tag_TQLIMITS* limits) {
+                             const _tag_TQLIMITS* record) {
   Log(TQ_LOG_INFO, "Initializing with: host=", host != nullptr ? host : "<NULL>", " port=", port);
   const bool given = host != nullptr && host[0] != '\0';
-  return Initialize(given ? host : DEFAULT_HOST, name, port, limits);
+  return Initialize(given ? host : DEFAULT_HOST, name, port, record);
 }
 
 _tag_TQ_ERROR TQConnectionReady() {
