@@ -47,6 +47,10 @@ class TQAPPImpl final : public MTObjects::MTReferencedTypeBase {
   _tag_TQ_ERROR ConnectTo(const char* target, uint32_t port, char* nameOut, uint32_t nameOutSize,
                           const uint8_t* authData, int32_t authLength);
 
+  /// Gives the session its channel, which it keeps to its end: true when the channel can be used.
+  /// The handshakes call it, before the two threads are let go.
+  bool Assign(const TQ::detail::ChannelRef& newChannel);
+
   /// Asks both threads to end and waits for the receiving one, unless it is the caller. Throws
   /// std::system_error when the join fails.
   void StopSession();
@@ -73,7 +77,6 @@ class TQAPPImpl final : public MTObjects::MTReferencedTypeBase {
 
   ~TQAPPImpl() override;
 
-  bool Assign(const TQ::detail::ChannelRef& newChannel);
   void RunAcceptingSide();
   _tag_TQ_ERROR RunConnectingSide(const TQ::detail::ChannelRef& newChannel, char* nameOut,
                                   uint32_t nameOutSize, const uint8_t* authData,
