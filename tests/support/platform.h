@@ -129,7 +129,7 @@ constexpr int EXIT_PARENT_GONE = 98;
 /// with EXIT_PARENT_GONE as soon as the process that started it has closed the lifeline.
 void StartWatchdog(std::chrono::milliseconds limit);
 
-// ---- files and process information -------------------------------------------------------------
+// ---- files -------------------------------------------------------------------------------------
 
 /// Replaces a small file's text by what `update` makes of it, alone among all processes that do so.
 /// A file that is not there counts as empty. False if the file cannot be used.
@@ -140,6 +140,24 @@ bool UpdateLockedFile(const std::string& path,
 std::string UserTag();
 
 int64_t ProcessId();
+
+// ---- the host's conditions, see support/host_conditions.h --------------------------------------
+
+extern const bool HAS_SIGNALS;
+void StartSignalStorm();
+void StopSignalStorm();
+uint64_t SignalStormCount();
+
+/// The set of signals that the system shows under this name, as its own text.
+std::string SignalSet(const std::string& name);
+
+std::vector<Handle> OccupyDescriptors(int highest);
+void ReleaseDescriptors(const std::vector<Handle>& held);
+
+bool LimitAddressSpace(uint64_t bytes);
+
+// ---- process information -----------------------------------------------------------------------
+
 int ThreadCount();
 std::vector<std::string> ThreadNames();
 int OpenDescriptorCount();

@@ -7,14 +7,21 @@
 #include <signal.h>
 #include <spawn.h>
 #include <sys/file.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <sstream>
+#include <stdexcept>
 #include <thread>
 #include <utility>
 
@@ -478,7 +485,7 @@ void StartWatchdog(Milliseconds limit) {
   pthread_sigmask(SIG_SETMASK, &before, nullptr);
 }
 
-// ---- files and process information -------------------------------------------------------------
+// ---- files -------------------------------------------------------------------------------------
 
 bool UpdateLockedFile(const std::string& path,
                       const std::function<std::string(const std::string&)>& update) {
@@ -504,6 +511,124 @@ bool UpdateLockedFile(const std::string& path,
 }
 
 std::string UserTag() { return std::to_string(getuid()); }
+
+// ---- the host's conditions ---------------------------------------------------------------------
+
+const bool HAS_SIGNALS = true;
+
+namespace {
+
+constexpr int STORM_SIGNAL = SIGUSR2;
+
+std::atomic<uint64_t> g_stormCount{0};
+std::atomic<bool> g_stormStop{false};
+std::thread* g_stormThread = nullptr;
+struct sigaction g_beforeStorm;
+
+void CountStormSignal(int) { g_stormCount.fetch_add(1, std::memory_order_relaxed); }
+
+void SignalEveryOtherThread() {
+  const pid_t self = gettid();
+  std::error_code error;
+  for (auto entry = std::filesystem::directory_iterator("/proc/self/task", error);
+       !error && entry != std::filesystem::directory_iterator(); entry.increment(error)) {
+    const int thread = std::atoi(entry->path().filename().c_str());
+    // A thread that has just ended is no failure.
+    if (thread > 0 && thread != self) {
+      (void)syscall(SYS_tgkill, getpid(), thread, STORM_SIGNAL);
+    }
+  }
+}
+
+}  // namespace
+
+void StartSignalStorm() {
+  struct sigaction action {};
+  action.sa_handler = &CountStormSignal;
+  sigemptyset(&action.sa_mask);
+  sigaction(STORM_SIGNAL, &action, &g_beforeStorm);
+  g_stormCount.store(0);
+  g_stormStop.store(false);
+  g_stormThread = new std::thread([] {
+    while (!g_stormStop.load()) {
+      SignalEveryOtherThread();
+      std::this_thread::sleep_for(Milliseconds(1));
+    }
+  });
+}
+
+void StopSignalStorm() {
+  g_stormStop.store(true);
+  g_stormThread->join();
+  delete std::exchange(g_stormThread, nullptr);
+  // Ignoring the signal first throws away what is still on its way to a thread. The disposition
+  // from before may be the default one, which would end the process.
+  struct sigaction ignore {};
+  ignore.sa_handler = SIG_IGN;
+  sigaction(STORM_SIGNAL, &ignore, nullptr);
+  sigaction(STORM_SIGNAL, &g_beforeStorm, nullptr);
+}
+
+uint64_t SignalStormCount() { return g_stormCount.load(); }
+
+// The C library takes the signals 32 and 33 for itself when the first thread starts.
+std::string SignalSet(const std::string& name) {
+  constexpr uint64_t OF_C_LIBRARY = uint64_t{3} << 31;
+  std::ifstream status("/proc/thread-self/status");
+  std::string word;
+  while (status >> word) {
+    if (word == name + ":") {
+      uint64_t signals = 0;
+      status >> std::hex >> signals;
+      std::ostringstream text;
+      text << std::hex << (signals & ~OF_C_LIBRARY);
+      return text.str();
+    }
+  }
+  return "unknown";
+}
+
+std::vector<Handle> OccupyDescriptors(int highest) {
+  rlimit limit{};
+  const auto needed = static_cast<rlim_t>(highest) + 256;
+  if (getrlimit(RLIMIT_NOFILE, &limit) == 0 && limit.rlim_cur < needed) {
+    limit.rlim_cur = std::min(needed, limit.rlim_max);
+    (void)setrlimit(RLIMIT_NOFILE, &limit);
+  }
+  std::vector<Handle> held;
+  for (;;) {
+    const int taken = open("/dev/null", O_RDONLY | O_CLOEXEC);
+    if (taken > highest) {
+      close(taken);
+      return held;
+    }
+    if (taken < 0) {
+      ReleaseDescriptors(held);
+      throw std::runtime_error("OccupyDescriptors: the limit of this process is too low");
+    }
+    held.push_back(taken);
+  }
+}
+
+void ReleaseDescriptors(const std::vector<Handle>& held) {
+  for (const Handle handle : held) {
+    close(Descriptor(handle));
+  }
+}
+
+bool LimitAddressSpace([[maybe_unused]] uint64_t bytes) {
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+  return false;
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
+  return false;
+#endif
+#endif
+  const rlimit limit{static_cast<rlim_t>(bytes), static_cast<rlim_t>(bytes)};
+  return setrlimit(RLIMIT_AS, &limit) == 0;
+}
+
+// ---- process information -----------------------------------------------------------------------
 
 int64_t ProcessId() { return getpid(); }
 

@@ -5,7 +5,8 @@
 //   EXPECT_TRUE(WaitUntil([&] { return ThreadCount() == before; }));
 //
 // A role process (support/child_process.h) has one more thread than its role makes: its watchdog,
-// named "watchdog". Sanitizers may keep a thread of their own, so compare counts with counts.
+// named "watchdog". A sanitizer may keep a thread of its own, which starts with the first thread of
+// the program: start and join one before the first count, and compare counts with counts.
 #pragma once
 
 #include <cstdint>
