@@ -34,6 +34,11 @@ void OnDisconnect(const char*, const char*, int32_t, const char* application) {
   g_life.AddPeer(-1);
 }
 
+void OnAuthFailed(const char*, const char* remoteAddress, const char* application) {
+  Say(std::string("catalog: ") + application + " at " + remoteAddress +
+      " was refused, its authentication block is another one");
+}
+
 // The log is the only way in which the listener says how it fares.
 void OnLog(uint32_t level, int32_t verbosity, const char* text) {
   const std::string_view line = text;
@@ -56,6 +61,7 @@ int Run(const Options& options) {
   TQSetAuthenticationInfo(auth.data(), static_cast<int32_t>(auth.size()));
   TQSetConnectListener(OnConnect);
   TQSetDisconnectListener(OnDisconnect);
+  TQSetAuthFailedListener(OnAuthFailed);
   StartLog(options.log);
   TQSetLogLevel(EVERY_LEVEL, 0, OnLog);
 

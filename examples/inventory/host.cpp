@@ -14,10 +14,8 @@ using std::chrono::milliseconds;
 using std::chrono::seconds;
 using std::chrono::steady_clock;
 
-constexpr std::uint32_t TROUBLE = EVERY_LEVEL & ~TQ_LOG_INFO;
-
 // Written before the library's threads exist, but read on them.
-std::atomic<bool> g_logAll = false;
+std::atomic<bool> g_logWanted = false;
 
 const char* LevelName(std::uint32_t level) {
   switch (level) {
@@ -55,14 +53,14 @@ AuthBlock ReadAuthBlock(const std::string& path) {
   return block;
 }
 
-void StartLog(bool all) {
-  g_logAll = all;
-  TQSetLogLevel(all ? EVERY_LEVEL : TROUBLE, 0, LogLine);
+void StartLog(bool wanted) {
+  g_logWanted = wanted;
+  TQSetLogLevel(wanted ? EVERY_LEVEL : 0, 0, LogLine);
 }
 
 void LogLine(std::uint32_t level, std::int32_t, const char* text) {
   // One call a line: several threads of the library log at the same time.
-  if (g_logAll || (level & TROUBLE) != 0) std::fprintf(stderr, "[%s] %s\n", LevelName(level), text);
+  if (g_logWanted) std::fprintf(stderr, "[%s] %s\n", LevelName(level), text);
 }
 
 Host::Host(const char* name, int port) : before(DEBUG_TQObjectCount()) {
@@ -105,7 +103,7 @@ std::string ConnectToCatalog(int port, const std::string& authFile) {
     }
     if (steady_clock::now() > deadline)
       throw std::runtime_error("no catalog answers on port " + std::to_string(port));
-    std::this_thread::sleep_for(milliseconds(100));
+    std::this_thread::sleep_for(milliseconds(250));
   }
 }
 

@@ -20,8 +20,8 @@ AuthBlock ReadAuthBlock(const std::string& path);
 inline constexpr std::uint32_t EVERY_LEVEL =
     TQ_LOG_CRITICAL | TQ_LOG_ERROR | TQ_LOG_WARNING | TQ_LOG_INFO;
 
-/// The library's log lines on standard error: all of them, or only what went wrong.
-void StartLog(bool all);
+/// Prints the library's log lines on standard error, if they are wanted.
+void StartLog(bool wanted);
 
 /// Prints one line in that way. A program with a log callback of its own passes its lines on here.
 void LogLine(std::uint32_t level, std::int32_t verbosity, const char* text);
