@@ -1,5 +1,5 @@
-// A channel in memory: gives out bytes that the test has laid down, keeps what is written to it, and
-// can be told to fail.
+// A channel in memory: gives out bytes that the test has laid down, keeps what is written to it,
+// and can be told to fail.
 //
 //   MemoryChannel channel(RawList().Int32("a", 7).Stream());
 //   ASSERT_GT(ReadParamList(*list, channel, {8, 0}, nullptr), 0);
