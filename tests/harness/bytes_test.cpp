@@ -1,11 +1,11 @@
 #include "support/bytes.h"
 
+#include "support/hex.h"
+#include "support/md5.h"
+
 #include <gtest/gtest.h>
 
 #include <stdexcept>
-
-#include "support/hex.h"
-#include "support/md5.h"
 
 namespace TQ::test {
 namespace {

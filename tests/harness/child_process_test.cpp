@@ -1,13 +1,13 @@
 #include "support/child_process.h"
 
+#include "support/process_info.h"
+
 #include <gtest/gtest-spi.h>
 #include <gtest/gtest.h>
 
 #include <cstdlib>
 #include <iostream>
 #include <thread>
-
-#include "support/process_info.h"
 
 namespace TQ::test {
 namespace {

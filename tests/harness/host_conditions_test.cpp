@@ -1,14 +1,14 @@
 #include "support/host_conditions.h"
 
-#include <gtest/gtest.h>
-
-#include <cstdlib>
-#include <thread>
-
 #include "support/child_process.h"
 #include "support/loopback_pair.h"
 #include "support/process_info.h"
 #include "support/wait_until.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <thread>
 
 namespace TQ::test {
 namespace {

@@ -1,7 +1,8 @@
 #include "support/log_recorder.h"
 
-#include <gtest/gtest.h>
 #include <tq/tq.h>
+
+#include <gtest/gtest.h>
 
 #include <stdexcept>
 #include <thread>

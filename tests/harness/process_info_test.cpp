@@ -1,5 +1,10 @@
 #include "support/process_info.h"
 
+#include "support/child_process.h"
+#include "support/free_port.h"
+#include "support/loopback_pair.h"
+#include "support/wait_until.h"
+
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -8,11 +13,6 @@
 #include <set>
 #include <thread>
 #include <vector>
-
-#include "support/child_process.h"
-#include "support/free_port.h"
-#include "support/loopback_pair.h"
-#include "support/wait_until.h"
 
 namespace TQ::test {
 namespace {

@@ -1,8 +1,8 @@
 #include "support/raw_list.h"
 
-#include <gtest/gtest.h>
-
 #include "support/hex.h"
+
+#include <gtest/gtest.h>
 
 namespace TQ::test {
 namespace {

@@ -1,12 +1,12 @@
 #include "support/raw_peer.h"
 
-#include <gtest/gtest.h>
-
-#include <thread>
-
 #include "support/free_port.h"
 #include "support/hex.h"
 #include "support/loopback_pair.h"
+
+#include <gtest/gtest.h>
+
+#include <thread>
 
 namespace TQ::test {
 namespace {

@@ -25,14 +25,14 @@
 // that started it ends in whatever way, and after ROLE_TIME_LIMIT.
 #pragma once
 
+#include "support/platform.h"
+#include "support/wait_until.h"
+
 #include <chrono>
 #include <cstdint>
 #include <optional>
 #include <string>
 #include <vector>
-
-#include "support/platform.h"
-#include "support/wait_until.h"
 
 namespace TQ::test {
 

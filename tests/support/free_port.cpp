@@ -1,11 +1,11 @@
 #include "support/free_port.h"
 
+#include "support/platform.h"
+
 #include <cstdlib>
 #include <filesystem>
 #include <stdexcept>
 #include <string>
-
-#include "support/platform.h"
 
 namespace TQ::test {
 

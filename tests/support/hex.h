@@ -4,13 +4,13 @@
 //   Bytes block = FromHex("07616200 00000002 07000000");
 #pragma once
 
+#include "support/bytes.h"
+
 #include <cstddef>
 #include <cstdint>
 #include <stdexcept>
 #include <string>
 #include <string_view>
-
-#include "support/bytes.h"
 
 namespace TQ::test {
 

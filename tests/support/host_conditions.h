@@ -8,13 +8,13 @@
 //   LimitAddressSpace(2u << 30);             // in a role: allocations above it fail
 #pragma once
 
+#include "support/platform.h"
+
 #include <cstddef>
 #include <cstdint>
 #include <ostream>
 #include <string>
 #include <vector>
-
-#include "support/platform.h"
 
 namespace TQ::test {
 

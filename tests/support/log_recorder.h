@@ -12,6 +12,8 @@
 // Threads: any.
 #pragma once
 
+#include "support/wait_until.h"
+
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
@@ -19,8 +21,6 @@
 #include <string>
 #include <thread>
 #include <vector>
-
-#include "support/wait_until.h"
 
 namespace TQ::test {
 

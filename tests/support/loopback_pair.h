@@ -8,11 +8,11 @@
 // Both sockets are nonblocking and send small pieces at once, as the library's own are.
 #pragma once
 
-#include <string>
-
 #include "support/bytes.h"
 #include "support/platform.h"
 #include "support/raw_peer.h"
+
+#include <string>
 
 namespace TQ::test {
 

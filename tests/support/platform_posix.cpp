@@ -1,3 +1,5 @@
+#include "support/platform.h"
+
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <netinet/in.h>
@@ -24,8 +26,6 @@
 #include <stdexcept>
 #include <thread>
 #include <utility>
-
-#include "support/platform.h"
 
 extern char** environ;
 

@@ -9,11 +9,11 @@
 // the program: start and join one before the first count, and compare counts with counts.
 #pragma once
 
+#include "support/platform.h"
+
 #include <cstdint>
 #include <string>
 #include <vector>
-
-#include "support/platform.h"
 
 namespace TQ::test {
 

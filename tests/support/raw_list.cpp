@@ -1,10 +1,10 @@
 #include "support/raw_list.h"
 
+#include "support/hex.h"
+
 #include <algorithm>
 #include <ostream>
 #include <stdexcept>
-
-#include "support/hex.h"
 
 namespace TQ::test {
 

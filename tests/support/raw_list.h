@@ -12,14 +12,14 @@
 // byte, at every depth. Damaged lists are made with Entry, Raw, Patch, Truncate and HandleIndex.
 #pragma once
 
+#include "support/bytes.h"
+
 #include <cstdint>
 #include <functional>
 #include <iosfwd>
 #include <optional>
 #include <string>
 #include <vector>
-
-#include "support/bytes.h"
 
 namespace TQ::test {
 

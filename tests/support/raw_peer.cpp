@@ -1,11 +1,11 @@
 #include "support/raw_peer.h"
 
+#include "support/md5.h"
+
 #include <algorithm>
 #include <stdexcept>
 #include <thread>
 #include <utility>
-
-#include "support/md5.h"
 
 namespace TQ::test {
 

@@ -23,16 +23,16 @@
 // Threads: one at a time for each RawPeer.
 #pragma once
 
+#include "support/bytes.h"
+#include "support/platform.h"
+#include "support/raw_list.h"
+#include "support/wait_until.h"
+
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <string>
-
-#include "support/bytes.h"
-#include "support/platform.h"
-#include "support/raw_list.h"
-#include "support/wait_until.h"
 
 namespace TQ::test {
 

@@ -1,12 +1,12 @@
 // The main() of every test executable: the tests, or one role if the process was started for it by
 // support/child_process.h ("--role=NAME" and the role's own arguments).
+#include "support/child_process.h"
+
 #include <gtest/gtest.h>
 
 #include <string>
 #include <string_view>
 #include <vector>
-
-#include "support/child_process.h"
 
 int main(int argc, char** argv) {
   constexpr std::string_view ROLE_OPTION = "--role=";
