@@ -7,6 +7,8 @@ void ConnThreadInfo::SetAddress(const SocketAddressArea& address) {
   listenAddress = address;
 }
 
+bool ConnThreadInfo::Enabled() const { return enabled.load(std::memory_order_relaxed) != 0; }
+
 void ConnThreadInfo::Clear() {
   Disable();
   SetAddress(SocketAddressArea{});

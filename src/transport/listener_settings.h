@@ -25,7 +25,7 @@ struct ConnThreadInfo final : public MTObjects::MTReferencedTypeBase {
   void Define(const char* host, uint16_t port);
 
   void Disable() { enabled.store(0, std::memory_order_relaxed); }
-  bool Enabled() const { return enabled.load(std::memory_order_relaxed) != 0; }
+  bool Enabled() const;
   TQ::detail::SocketAddressArea ListenAddress() const;
 
  private:
