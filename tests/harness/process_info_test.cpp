@@ -65,7 +65,7 @@ TEST(ProcessInfo, CountsOpenDescriptors) {
 TEST(ProcessInfo, MeasuresResidentMemory) {
   const uint64_t before = ResidentBytes();
   EXPECT_GT(before, 100u * 1024);
-  std::vector<uint8_t> touched(32 * 1024 * 1024, 1);
+  std::vector<uint8_t> touched(size_t{32} * 1024 * 1024, 1);
   EXPECT_GT(ResidentBytes(), before + touched.size() / 2);
 }
 

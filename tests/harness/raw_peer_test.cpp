@@ -15,7 +15,7 @@ using std::chrono::milliseconds;
 
 // A connection between two peers.
 struct Pair {
-  Pair() : pair(), left(pair.TakeNear()), right(pair.TakeFar()) {}
+  Pair() : left(pair.TakeNear()), right(pair.TakeFar()) {}
 
   LoopbackPair pair;
   RawPeer left;
@@ -82,7 +82,7 @@ TEST(RawPeer, GivesUpReceivingWhenTheTimeIsOver) {
 TEST(RawPeer, GivesUpSendingToAPeerThatDoesNotRead) {
   LoopbackPair small(4096);
   RawPeer left(small.TakeNear());
-  EXPECT_FALSE(left.SendBytes(Bytes(4 * 1024 * 1024), milliseconds{50}));
+  EXPECT_FALSE(left.SendBytes(Bytes(size_t{4} * 1024 * 1024), milliseconds{50}));
 }
 
 TEST(RawPeer, TellsSilenceFromBytesAndFromAClose) {

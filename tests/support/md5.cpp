@@ -53,7 +53,7 @@ void AddBlock(State& state, const uint8_t* block) {
         word = (7 * step) % 16;
         break;
     }
-    const uint32_t sum = work.a + mixed + ReadU32(block + 4 * word) + SINES[step];
+    const uint32_t sum = work.a + mixed + ReadU32(block + size_t{4} * word) + SINES[step];
     const uint32_t rotated = std::rotl(sum, SHIFTS[step / 16][step % 4]);
     work = State{work.d, work.b + rotated, work.b, work.c};
   }

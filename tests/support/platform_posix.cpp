@@ -6,7 +6,6 @@
 #include <netinet/tcp.h>
 #include <poll.h>
 #include <pthread.h>
-#include <signal.h>
 #include <spawn.h>
 #include <sys/file.h>
 #include <sys/resource.h>
@@ -18,6 +17,7 @@
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
@@ -26,8 +26,6 @@
 #include <stdexcept>
 #include <thread>
 #include <utility>
-
-extern char** environ;
 
 namespace TQ::test {
 

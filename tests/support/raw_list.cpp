@@ -312,6 +312,7 @@ RawList& RawList::HandleArray(const std::string& name, const std::vector<RawList
 
 RawList& RawList::StringArray(const std::string& name, const std::vector<std::string>& texts) {
   std::vector<Bytes> elements;
+  elements.reserve(texts.size());
   for (const std::string& text : texts) {
     elements.push_back(StringPayload(text));
   }
@@ -320,6 +321,7 @@ RawList& RawList::StringArray(const std::string& name, const std::vector<std::st
 
 RawList& RawList::BinaryArray(const std::string& name, const std::vector<Bytes>& values) {
   std::vector<Bytes> elements;
+  elements.reserve(values.size());
   for (const Bytes& value : values) {
     elements.push_back(BinaryPayload(value));
   }
