@@ -1,0 +1,171 @@
+// Makes a socket call of the operating system fail, or do nothing, where no test can bring it to
+// that by other means.
+//
+//   FailCalls(SystemCall::LISTEN, 1);      // the next listen fails, the ones after it work
+//   FailCalls(SystemCall::POLL, 3, 2);     // two polls work, the three behind them fail
+//   SendNothing(2);                        // two sends take no byte, which is no failure
+//
+// This header defines the calls themselves, which then go on to the system's. It stands for a whole
+// test executable, so exactly one of its sources includes it.
+//
+// Threads: any.
+#pragma once
+
+#include <dlfcn.h>
+#include <poll.h>
+#include <sys/socket.h>
+
+#include <array>
+#include <atomic>
+#include <cerrno>
+#include <cstdint>
+#include <ctime>
+#include <mutex>
+#include <utility>
+#include <vector>
+
+namespace TQ::test {
+
+enum class SystemCall { LISTEN, ACCEPT, POLL, BIND, CONNECT, GET_SOCKET_NAME, COUNT };
+
+/// The code with which a call fails.
+constexpr int FAULT_CODE = ENOBUFS;
+
+namespace faults {
+
+struct Fault {
+  std::atomic<int> skipped{0};
+  std::atomic<int> count{0};
+  std::atomic<int> failed{0};
+};
+
+inline std::array<Fault, static_cast<size_t>(SystemCall::COUNT)> g_faults;
+inline std::atomic<int> g_emptySends{0};
+inline std::mutex g_pollLock;
+inline std::vector<int64_t> g_pollLimits;  // guarded by g_pollLock
+
+inline Fault& FaultOf(SystemCall call) { return g_faults[static_cast<size_t>(call)]; }
+
+/// Takes one off a counter that is above zero.
+inline bool TakeOne(std::atomic<int>& counter) {
+  int value = counter.load();
+  while (value > 0 && !counter.compare_exchange_weak(value, value - 1)) {
+  }
+  return value > 0;
+}
+
+inline bool Fails(SystemCall call) {
+  Fault& fault = FaultOf(call);
+  if (TakeOne(fault.skipped) || !TakeOne(fault.count)) {
+    return false;
+  }
+  fault.failed.fetch_add(1);
+  errno = FAULT_CODE;
+  return true;
+}
+
+/// The definition behind ours.
+template <typename Function>
+Function* Next(const char* name) {
+  return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
+}
+
+inline int Poll(pollfd* entries, nfds_t count, const timespec* limit, const sigset_t* mask) {
+  {
+    const std::lock_guard guard(g_pollLock);
+    g_pollLimits.push_back(
+        limit == nullptr ? -1 : int64_t{limit->tv_sec} * 1000000 + limit->tv_nsec / 1000);
+  }
+  if (Fails(SystemCall::POLL)) {
+    return -1;
+  }
+  static auto* const next = Next<int(pollfd*, nfds_t, const timespec*, const sigset_t*)>("ppoll");
+  return next(entries, count, limit, mask);
+}
+
+}  // namespace faults
+
+/// The next `skipped` calls work, the `count` behind them fail with FAULT_CODE.
+inline void FailCalls(SystemCall call, int count, int skipped = 0) {
+  faults::FaultOf(call).skipped.store(skipped);
+  faults::FaultOf(call).count.store(count);
+}
+
+/// How many calls have failed by it.
+inline int FailedCalls(SystemCall call) { return faults::FaultOf(call).failed.load(); }
+
+/// The next `count` sends take nothing.
+inline void SendNothing(int count) { faults::g_emptySends.store(count); }
+
+/// Sends that are still to take nothing.
+inline int EmptySendsLeft() { return faults::g_emptySends.load(); }
+
+/// The time limits of the polls since the last call, in microseconds, -1 for none.
+inline std::vector<int64_t> TakePollLimits() {
+  const std::lock_guard guard(faults::g_pollLock);
+  return std::exchange(faults::g_pollLimits, {});
+}
+
+}  // namespace TQ::test
+
+extern "C" {
+
+int listen(int socket, int backlog) noexcept {
+  if (TQ::test::faults::Fails(TQ::test::SystemCall::LISTEN)) {
+    return -1;
+  }
+  static auto* const next = TQ::test::faults::Next<int(int, int)>("listen");
+  return next(socket, backlog);
+}
+
+int accept4(int socket, sockaddr* address, socklen_t* size, int flags) {
+  if (TQ::test::faults::Fails(TQ::test::SystemCall::ACCEPT)) {
+    return -1;
+  }
+  static auto* const next = TQ::test::faults::Next<int(int, sockaddr*, socklen_t*, int)>("accept4");
+  return next(socket, address, size, flags);
+}
+
+int bind(int socket, const sockaddr* address, socklen_t size) noexcept {
+  if (TQ::test::faults::Fails(TQ::test::SystemCall::BIND)) {
+    return -1;
+  }
+  static auto* const next = TQ::test::faults::Next<int(int, const sockaddr*, socklen_t)>("bind");
+  return next(socket, address, size);
+}
+
+int connect(int socket, const sockaddr* address, socklen_t size) {
+  if (TQ::test::faults::Fails(TQ::test::SystemCall::CONNECT)) {
+    return -1;
+  }
+  static auto* const next = TQ::test::faults::Next<int(int, const sockaddr*, socklen_t)>("connect");
+  return next(socket, address, size);
+}
+
+int getsockname(int socket, sockaddr* address, socklen_t* size) noexcept {
+  if (TQ::test::faults::Fails(TQ::test::SystemCall::GET_SOCKET_NAME)) {
+    return -1;
+  }
+  static auto* const next = TQ::test::faults::Next<int(int, sockaddr*, socklen_t*)>("getsockname");
+  return next(socket, address, size);
+}
+
+ssize_t send(int socket, const void* bytes, size_t size, int flags) {
+  if (TQ::test::faults::TakeOne(TQ::test::faults::g_emptySends)) {
+    return 0;
+  }
+  static auto* const next = TQ::test::faults::Next<ssize_t(int, const void*, size_t, int)>("send");
+  return next(socket, bytes, size, flags);
+}
+
+int ppoll(pollfd* entries, nfds_t count, const timespec* limit, const sigset_t* mask) {
+  return TQ::test::faults::Poll(entries, count, limit, mask);
+}
+
+// What a build with checked calls uses instead.
+int __ppoll_chk(pollfd* entries, nfds_t count, const timespec* limit, const sigset_t* mask,
+                size_t) {
+  return TQ::test::faults::Poll(entries, count, limit, mask);
+}
+
+}  // extern "C"
