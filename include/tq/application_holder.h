@@ -20,6 +20,7 @@ class TQ_API TQApplicationHolder {
  public:
   /// @param name  a peer's full name; copied up to 255 bytes, the rest is cut off without a word.
   ///              Null makes a holder that names nobody.
+  // NOLINTNEXTLINE(google-explicit-constructor): a name may stand where a holder is expected.
   TQApplicationHolder(const char* name = nullptr);
 
   /// Copies the name. Both holders will disconnect the peer.

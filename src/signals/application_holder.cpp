@@ -23,6 +23,8 @@ TQApplicationHolder::~TQApplicationHolder() noexcept(false) {
   name[0] = '\0';
 }
 
+// The copy onto itself is harmless, as the ranges of memmove may be the same one.
+// NOLINTNEXTLINE(bugprone-unhandled-self-assignment)
 TQApplicationHolder& TQApplicationHolder::operator=(const TQApplicationHolder& other) {
   std::memmove(name, other.name, sizeof name);
   return *this;

@@ -28,8 +28,7 @@ MessageRef QueueCall(const char* applicationName, uint32_t slotId, FastHolderImp
   *event = ITQMessage::SyncEventRef(new (std::nothrow) ITQMessage::ISyncEvent());
   // Without an event there is nothing to wait on: the message then goes out one-way.
   const uint32_t kind = *event ? MSG_CALL : MSG_NOTIFY;
-  const MessageRef message(
-      TQSlotCallMessage::Outbound(session, kind, slotId, params, *event, {}).Get());
+  MessageRef message(TQSlotCallMessage::Outbound(session, kind, slotId, params, *event, {}).Get());
   if (message) session->Outgoing().Push(message);
   return message;
 }

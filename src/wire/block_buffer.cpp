@@ -7,6 +7,7 @@
 #include <tq/diagnostics.h>
 #include <tq/memory_buffer.h>
 
+#include <algorithm>
 #include <cstring>
 #include <new>
 
@@ -45,7 +46,7 @@ void TQMemoryBufferTpl2<N>::AppendName(const char* name, uint8_t type) {
   // Intended: the offset is one byte wide and nothing checks it. A name above 253 bytes keeps the
   // low byte alone, and its list reads back wrong from there on.
   head[0] = static_cast<uint8_t>(headSize - 1);
-  std::memcpy(head + 1, name, length);
+  std::copy_n(name, length, head + 1);
   std::memset(head + 1 + length, 0, static_cast<std::size_t>(headSize) - 2 - length);
   head[headSize - 1] = type;
   size += static_cast<uint32_t>(headSize);
