@@ -2,7 +2,8 @@
 //
 // It ends when a scanner has said that it is done and all peers have gone, or on an interrupt.
 #include <csignal>
-#include <iostream>
+#include <cstdio>
+#include <exception>
 #include <iterator>
 #include <string>
 #include <string_view>
@@ -85,17 +86,15 @@ int Run(const Options& options) {
 
 }  // namespace
 
-int main(int argc, char** argv) {
+int main(int argc, char** argv) try {
   Options options;
   CLI::App app("Keeps the packages that a scanner reports.", "catalog");
   AddOptions(app, options);
   CLI11_PARSE(app, argc, argv);
   std::signal(SIGINT, CatalogLife::Interrupt);
   std::signal(SIGTERM, CatalogLife::Interrupt);
-  try {
-    return Run(options);
-  } catch (const std::exception& error) {
-    std::cerr << "catalog: " << error.what() << '\n';
-    return 1;
-  }
+  return Run(options);
+} catch (const std::exception& error) {
+  std::fprintf(stderr, "catalog: %s\n", error.what());
+  return 1;
 }

@@ -14,6 +14,7 @@ std::uint32_t CountOf(const auto& container) {
 
 void SetProvides(HTQPARAMLIST list, const std::vector<std::string>& provides) {
   std::vector<const char*> texts;
+  texts.reserve(provides.size());
   for (const std::string& name : provides) texts.push_back(name.c_str());
   TQSetStringArray(list, PROVIDES, CountOf(texts), texts.data());
 }

@@ -76,13 +76,15 @@ void AddContinuation(Field* field, const Line& line) {
 Field& AddField(Fields& fields, const Line& line) {
   const auto colon = line.text.find(':');
   const std::string_view name = std::string_view(line.text).substr(0, colon);
-  if (colon == std::string::npos || name.empty() || name.find_first_of(BLANKS) != name.npos)
+  if (colon == std::string::npos || name.empty() ||
+      name.find_first_of(BLANKS) != std::string_view::npos)
     throw Malformed(line.number, "expected \"Field: value\", got \"" + line.text + "\"");
   const auto [position, isNew] = fields.try_emplace(std::string(name));
-  if (!isNew)
+  if (!isNew) {
     throw Malformed(line.number, "the field " + std::string(name) +
                                      " is there twice, first in line " +
                                      std::to_string(position->second.line));
+  }
   position->second.value = Trim(std::string_view(line.text).substr(colon + 1));
   position->second.line = line.number;
   return position->second;
@@ -93,10 +95,11 @@ Fields FieldsOf(const std::vector<Line>& stanza) {
   Field* last = nullptr;
   for (const Line& line : stanza) {
     CheckText(line);
-    if (IsBlank(line.text.front()))
+    if (IsBlank(line.text.front())) {
       AddContinuation(last, line);
-    else
+    } else {
       last = &AddField(fields, line);
+    }
   }
   return fields;
 }
@@ -161,10 +164,11 @@ Package PackageOf(const std::vector<Line>& stanza) {
   const Field& status = Required(fields, "Status", package.line);
   package.status = status.value;
   package.state = StateOf(status);
-  if (package.state == PackageState::INSTALLED)
+  if (package.state == PackageState::INSTALLED) {
     package.version = Required(fields, "Version", package.line).value;
-  else
+  } else {
     package.version = Optional(fields, "Version");
+  }
   package.architecture = Optional(fields, "Architecture");
   package.section = Optional(fields, "Section");
   package.installedSizeKib = SizeOf(fields);
@@ -202,10 +206,11 @@ bool ReadStanza(std::istream& stream, std::uint32_t& lineNumber, std::vector<Lin
   std::string text;
   while (std::getline(stream, text)) {
     ++lineNumber;
-    if (!text.empty())
+    if (!text.empty()) {
       stanza.push_back({text, lineNumber});
-    else if (!stanza.empty())
+    } else if (!stanza.empty()) {
       return true;
+    }
   }
   return !stanza.empty();
 }
@@ -238,10 +243,11 @@ PackageFile ReadPackages(std::istream& stream) {
       Package package = PackageOf(stanza);
       const auto [first, isNew] =
           seen.try_emplace({package.name, package.architecture}, package.line);
-      if (!isNew)
+      if (!isNew) {
         throw Malformed(package.line, "the package " + package.name +
                                           " is there twice, first in line " +
                                           std::to_string(first->second));
+      }
       file.packages.push_back(std::move(package));
     } catch (const Malformed& malformed) {
       file.errors.push_back({malformed.line, malformed.what()});

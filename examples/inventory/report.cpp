@@ -51,10 +51,11 @@ void Progress::Advance() {
   ++done;
   const std::size_t step = std::max<std::size_t>(total / 100, 1);
   if (!shown || (done % step != 0 && done != total)) return;
-  if (total > 0)
+  if (total > 0) {
     std::fprintf(stderr, "\r%s %zu of %zu", label.c_str(), done, total);
-  else
+  } else {
     std::fprintf(stderr, "\r%s %zu", label.c_str(), done);
+  }
 }
 
 }  // namespace inventory

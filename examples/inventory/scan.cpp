@@ -73,12 +73,14 @@ void Removals::Send(const std::string& catalog, const PackageRefs& packages) {
 void Removals::Wait() {
   std::unique_lock guard(lock);
   // A completion can be lost if the session ends at the very moment of the notification.
-  if (!completed.wait_for(guard, std::chrono::seconds(30), [this] { return outstanding == 0; }))
+  if (!completed.wait_for(guard, std::chrono::seconds(30), [this] { return outstanding == 0; })) {
     throw std::runtime_error("the catalog did not answer " + std::to_string(outstanding) +
                              " removals");
-  if (unconfirmed > 0)
+  }
+  if (unconfirmed > 0) {
     throw std::runtime_error("the catalog did not confirm " + std::to_string(unconfirmed) +
                              " removals");
+  }
 }
 
 _tag_TQ_ERROR Removals::OnCompletion(const char*, unsigned, HTQPARAMLIST request,

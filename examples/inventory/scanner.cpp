@@ -3,6 +3,8 @@
 // Exit code: 0 if all is well, 3 if some stanzas are malformed and the rest has been reported, 1 if
 // something else failed.
 #include <chrono>
+#include <cstdio>
+#include <exception>
 #include <fstream>
 #include <iostream>
 #include <stdexcept>
@@ -52,10 +54,11 @@ PackageRefs InState(const PackageFile& file, PackageState state) {
 
 Totals Sum(const PackageRefs& packages) {
   Totals totals;
-  for (const Package* package : packages)
+  for (const Package* package : packages) {
     totals += {.packages = 1,
                .installedSizeKib = package->installedSizeKib,
                .dependencies = package->dependencies.size()};
+  }
   return totals;
 }
 
@@ -112,7 +115,7 @@ int Run(const ScannerOptions& options) {
 
 }  // namespace
 
-int main(int argc, char** argv) {
+int main(int argc, char** argv) try {
   ScannerOptions options;
   CLI::App app("Reports a system's package database to the catalog.", "scanner");
   AddOptions(app, options);
@@ -123,10 +126,8 @@ int main(int argc, char** argv) {
       ->check(CLI::Range(1, 64));
   app.add_flag("--remove-all", options.removeAll, "report every package as removed in the end");
   CLI11_PARSE(app, argc, argv);
-  try {
-    return Run(options);
-  } catch (const std::exception& error) {
-    std::cerr << "scanner: " << error.what() << '\n';
-    return 1;
-  }
+  return Run(options);
+} catch (const std::exception& error) {
+  std::fprintf(stderr, "scanner: %s\n", error.what());
+  return 1;
 }

@@ -2,7 +2,8 @@
 //
 // It ends when the catalog says that the scan is finished, or when the catalog goes away.
 #include <cstdint>
-#include <iostream>
+#include <cstdio>
+#include <exception>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -63,15 +64,13 @@ int Run(const Options& options) {
 
 }  // namespace
 
-int main(int argc, char** argv) {
+int main(int argc, char** argv) try {
   Options options;
   CLI::App app("Follows the changes of the catalog.", "watcher");
   AddOptions(app, options);
   CLI11_PARSE(app, argc, argv);
-  try {
-    return Run(options);
-  } catch (const std::exception& error) {
-    std::cerr << "watcher: " << error.what() << '\n';
-    return 1;
-  }
+  return Run(options);
+} catch (const std::exception& error) {
+  std::fprintf(stderr, "watcher: %s\n", error.what());
+  return 1;
 }

@@ -100,6 +100,7 @@ TEST(PackageReader, GivesAlternativesOfOneDependencyTheSameGroup) {
   EXPECT_EQ(ParseDependencies("a | b (= 1), c", dependencies), "");
   EXPECT_EQ(ParseDependencies("d", dependencies), "");
   std::vector<std::uint32_t> groups;
+  groups.reserve(dependencies.size());
   for (const Dependency& dependency : dependencies) groups.push_back(dependency.group);
   EXPECT_EQ(groups, (std::vector<std::uint32_t>{0, 0, 1, 2}));
 }
