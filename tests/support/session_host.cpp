@@ -1,0 +1,303 @@
+#include "support/session_host.h"
+
+#include <gtest/gtest.h>
+
+#include <stdexcept>
+#include <utility>
+
+#include "support/free_port.h"
+
+namespace TQ::test {
+
+namespace {
+
+std::string AsLine(const LogLine& line) { return std::to_string(line.level) + " " + line.text; }
+
+bool StartsWith(const std::string& text, const std::string& prefix) {
+  return text.compare(0, prefix.size(), prefix) == 0;
+}
+
+// The lines of one thread from `first` to the line that begins with `lastPrefix`. Other sessions'
+// threads may have the same id earlier or later.
+std::vector<std::string> LinesOfThread(const LogRecorder& log, const std::string& first,
+                                       const std::string& lastPrefix) {
+  std::vector<std::string> texts;
+  std::thread::id thread;
+  for (const LogLine& line : log.Lines()) {
+    if (texts.empty()) {
+      if (line.text != first) {
+        continue;
+      }
+      thread = line.thread;
+    }
+    if (line.thread != thread) {
+      continue;
+    }
+    texts.push_back(AsLine(line));
+    if (StartsWith(line.text, lastPrefix)) {
+      break;
+    }
+  }
+  return texts;
+}
+
+std::thread::id ThreadOfLine(const LogRecorder& log, const std::string& text) {
+  const auto line = log.FirstWithPrefix(text);
+  return line ? line->thread : std::thread::id();
+}
+
+std::string ConnectedLine(const std::string& name) { return "Application connected:" + name; }
+std::string RemovingLine(const std::string& name) { return "Removing application " + name; }
+std::string ReceivingEnd(const std::string& name) {
+  return "Receiving thread finished for " + name + ":";
+}
+std::string SendingEnd(const std::string& name) {
+  return "Sending thread finished for " + name + ":";
+}
+
+}  // namespace
+
+// ---- Gate --------------------------------------------------------------------------------------
+
+void Gate::Open() {
+  const std::lock_guard guard(lock);
+  open = true;
+  opened.notify_all();
+}
+
+bool Gate::IsOpen() const {
+  const std::lock_guard guard(lock);
+  return open;
+}
+
+bool Gate::Wait(std::chrono::milliseconds timeout) const {
+  std::unique_lock guard(lock);
+  return opened.wait_for(guard, timeout, [this] { return open; });
+}
+
+// ---- SessionHost -------------------------------------------------------------------------------
+
+SessionHost::SessionHost(const Settings& settings) : port(FreePort()) {
+  _tag_TQLIMITS limits = {};
+  limits.size = sizeof limits;
+  limits.IO_TIMEOUT_MS = settings.ioTimeoutMs;
+  limits.MAX_READ_SIZE = settings.maxReadSize;
+  if (TQInitialize("host", port, &limits) != TQ_ERR_OK) {
+    throw std::runtime_error("SessionHost: no initialisation");
+  }
+  running = true;
+  TQConnectionReady();
+  if (!log.WaitForPrefix(TQ_LOG_INFO, "listening for incoming connection on :") ||
+      !log.WaitForPrefix(TQ_LOG_INFO, "ConnThread Pipe stopped")) {
+    throw std::runtime_error("SessionHost: the library does not listen");
+  }
+}
+
+SessionHost::~SessionHost() {
+  Shutdown();
+  EXPECT_TRUE(WaitForSessions(0)) << log.Dump();
+  EXPECT_TRUE(WaitUntil([] { return DEBUG_TQObjectCount().messages == 0; }))
+      << DEBUG_TQObjectCount().messages << " messages are left";
+}
+
+void SessionHost::Shutdown() {
+  if (std::exchange(running, false)) {
+    TQShutdown();
+  }
+}
+
+RawPeer SessionHost::Admit(const std::string& name, int receiveBuffer) {
+  constexpr const char* LAST_LINE =
+      "ConnectionThread. Initialization of new connection is completed.";
+  const size_t before = log.CountOf(LAST_LINE);
+  auto peer = RawPeer::Connect(port, DEFAULT_DEADLINE, receiveBuffer);
+  if (!peer) {
+    throw std::runtime_error("SessionHost: no connection for " + name);
+  }
+  const HandshakeResult handshake = peer->HandshakeAsConnector(name);
+  if (!handshake.Completed()) {
+    throw std::runtime_error("SessionHost: " + name + ": " + handshake.failure);
+  }
+  if (!log.WaitFor(TQ_LOG_INFO, "Startup completed for " + name) ||
+      !log.WaitForCount(TQ_LOG_INFO, LAST_LINE, before + 1)) {
+    throw std::runtime_error("SessionHost: the session of " + name + " does not start");
+  }
+  return std::move(*peer);
+}
+
+RawPeer SessionHost::ConnectOut(RawListener& listener, const std::string& name) {
+  std::atomic<int> result{1};
+  std::thread connector(
+      [&] { result = TQConnect("127.0.0.1", listener.Port(), nullptr, 0, nullptr, 0); });
+  auto peer = listener.Accept();
+  HandshakeResult handshake;
+  if (peer) {
+    handshake = peer->HandshakeAsAcceptor(name);
+  }
+  connector.join();
+  if (!handshake.Completed() || result != TQ_ERR_OK) {
+    throw std::runtime_error("SessionHost: no way to " + name + ": " + handshake.failure);
+  }
+  return std::move(*peer);
+}
+
+std::vector<std::string> SessionHost::ReceivingThreadLog(const std::string& name) const {
+  return LinesOfThread(log, ConnectedLine(name), ReceivingEnd(name));
+}
+
+std::vector<std::string> SessionHost::SendingThreadLog(const std::string& name) const {
+  return LinesOfThread(log, RemovingLine(name), SendingEnd(name));
+}
+
+std::thread::id SessionHost::ReceivingThread(const std::string& name) const {
+  return ThreadOfLine(log, ConnectedLine(name));
+}
+
+std::thread::id SessionHost::SendingThread(const std::string& name) const {
+  return ThreadOfLine(log, RemovingLine(name));
+}
+
+bool SessionHost::WaitForReceivingEnd(const std::string& name) const {
+  return log.WaitForPrefix(TQ_LOG_INFO, ReceivingEnd(name));
+}
+
+bool SessionHost::WaitForSendingEnd(const std::string& name) const {
+  return log.WaitForPrefix(TQ_LOG_INFO, SendingEnd(name));
+}
+
+bool SessionHost::WaitForSessions(uint32_t count) {
+  return WaitUntil([count] { return DEBUG_TQObjectCount().sessions == count; });
+}
+
+// ---- callbacks ---------------------------------------------------------------------------------
+
+ScopedSlot::ScopedSlot(uint32_t slotId, Function slotFunction)
+    : id(slotId), function(std::move(slotFunction)) {
+  TQRegisterSlot(id, &Run, this);
+}
+
+ScopedSlot::~ScopedSlot() { TQUnregisterSlot(id); }
+
+int ScopedSlot::Run(_tag_HTQPARAMLIST params, _tag_HTQPARAMLIST result,
+                    const TQSlotCallInfo* info) {
+  auto* self = static_cast<ScopedSlot*>(info->context);
+  ++self->calls;
+  self->function({params, result, info->applicationName});
+  return 0;
+}
+
+_tag_TQ_ERROR CompletionRecorder::Record(const char* applicationName, unsigned slotId,
+                                         _tag_HTQPARAMLIST params, _tag_HTQPARAMLIST result,
+                                         void* context) {
+  auto* self = static_cast<CompletionRecorder*>(context);
+  Call call;
+  if (applicationName != nullptr) {
+    call.applicationName = applicationName;
+  }
+  call.slotId = slotId;
+  call.params = params.impl;
+  call.resultIsNull = result.impl == nullptr;
+  call.resultCount = TQGetParamCount(result);
+  call.resultX = TQGetInt32Value(result, "x");
+  call.thread = std::this_thread::get_id();
+  {
+    const std::lock_guard guard(self->lock);
+    self->calls.push_back(call);
+    // Under the lock: a test that waits for this call may destroy the recorder right after.
+    self->added.notify_all();
+  }
+  if (self->hook) {
+    self->hook(call);
+  }
+  return TQ_ERR_FAILED;
+}
+
+std::vector<CompletionRecorder::Call> CompletionRecorder::Calls() const {
+  const std::lock_guard guard(lock);
+  return calls;
+}
+
+bool CompletionRecorder::WaitForCount(size_t count) const {
+  std::unique_lock guard(lock);
+  return added.wait_for(guard, DEFAULT_DEADLINE, [&] { return calls.size() >= count; });
+}
+
+namespace {
+
+std::atomic<ListenerRecorder*> currentListeners{nullptr};
+
+}  // namespace
+
+ListenerRecorder::ListenerRecorder() {
+  currentListeners = this;
+  TQSetConnectListener(&OnConnect);
+  TQSetDisconnectListener(&OnDisconnect);
+}
+
+ListenerRecorder::~ListenerRecorder() {
+  TQSetConnectListener(nullptr);
+  TQSetDisconnectListener(nullptr);
+  currentListeners = nullptr;
+}
+
+void ListenerRecorder::OnConnect(const char* localAddress, const char* remoteAddress,
+                                 const char* applicationName, const char* host, int32_t port,
+                                 const char* application) {
+  ListenerRecorder& self = *currentListeners;
+  const ConnectCall call{localAddress, remoteAddress, applicationName,           host,
+                         application,  port,          std::this_thread::get_id()};
+  {
+    const std::lock_guard guard(self.lock);
+    self.connects.push_back(call);
+  }
+  if (self.onConnect) {
+    self.onConnect(call);
+  }
+}
+
+void ListenerRecorder::OnDisconnect(const char* applicationName, const char* host, int32_t port,
+                                    const char* application) {
+  ListenerRecorder& self = *currentListeners;
+  const DisconnectCall call{applicationName, host, application, port, std::this_thread::get_id()};
+  {
+    const std::lock_guard guard(self.lock);
+    self.disconnects.push_back(call);
+  }
+  if (self.onDisconnect) {
+    self.onDisconnect(call);
+  }
+}
+
+std::vector<ListenerRecorder::ConnectCall> ListenerRecorder::Connects() const {
+  const std::lock_guard guard(lock);
+  return connects;
+}
+
+std::vector<ListenerRecorder::DisconnectCall> ListenerRecorder::Disconnects() const {
+  const std::lock_guard guard(lock);
+  return disconnects;
+}
+
+bool ListenerRecorder::WaitForConnects(size_t count) const {
+  return WaitUntil([&] { return Connects().size() >= count; });
+}
+
+bool ListenerRecorder::WaitForDisconnects(size_t count) const {
+  return WaitUntil([&] { return Disconnects().size() >= count; });
+}
+
+// ---- requests ----------------------------------------------------------------------------------
+
+CallInThread::CallInThread(const std::string& applicationName, uint32_t slotId,
+                           _tag_HTQPARAMLIST params)
+    : thread([this, applicationName, slotId, params] {
+        result = TQCall(applicationName.c_str(), slotId, params);
+        returned.Open();
+      }) {}
+
+CallInThread::~CallInThread() {
+  thread.join();
+  TQCloseHandle(result);
+}
+
+}  // namespace TQ::test
