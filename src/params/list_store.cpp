@@ -114,6 +114,11 @@ void FastHolderImpl::RequireTerminatedName(const _tag_TQPARAMINFO* entry) const 
   if (std::memchr(data + position, 0, size - position) == nullptr) throw NoDataExeption();
 }
 
+void FastHolderImpl::RequireWalkable() const {
+  for (uint32_t position = 0; position < size; position = NextPosition(position)) {
+  }
+}
+
 void FastHolderImpl::CountParams() {
   for (uint32_t position = 0; position < size; position = NextPosition(position)) ++paramCount;
 }
@@ -141,7 +146,7 @@ void FastHolderImpl::RemoveAll() {
 }
 
 /// Gives every handle index in the block to `change`, which may replace it; NO_HANDLE_INDEX and the
-/// entry at `exceptPosition` are left out.
+/// entry at `exceptPosition` are left out. The block must be walkable.
 template <typename Change>
 void FastHolderImpl::ForEachHandleIndex(uint32_t exceptPosition, Change change) {
   const auto apply = [&change](uint8_t* word) {
@@ -150,7 +155,6 @@ void FastHolderImpl::ForEachHandleIndex(uint32_t exceptPosition, Change change) 
   };
   uint32_t next = 0;
   for (uint32_t position = 0; position < size; position = next) {
-    // Stepping first proves that the entry lies in the block before anything in it is touched.
     next = NextPosition(position);
     if (position == exceptPosition) continue;
     const uint32_t typePosition = position + data[position];
@@ -173,6 +177,7 @@ void FastHolderImpl::ReleaseHandleSlots(uint32_t position) {
 void FastHolderImpl::ReleaseSingleSlot(uint32_t index) {
   if (index == NO_HANDLE_INDEX || handles.Empty()) return;
   if (index < handles.Size() - 1) {
+    RequireWalkable();  // or a damaged block would be left with half of its indices changed
     ForEachHandleIndex(NO_POSITION,
                        [index](uint32_t other) { return other > index ? other - 1 : other; });
   }
@@ -182,12 +187,11 @@ void FastHolderImpl::ReleaseSingleSlot(uint32_t index) {
 }
 
 void FastHolderImpl::ReleaseArraySlots(uint32_t position) {
+  RequireWalkable();  // the array lies in the block, and no slot goes before all indices can change
   const uint32_t payloadPosition = position + data[position] + TYPE_SIZE;
   const uint32_t count = LoadDword(At(payloadPosition, DWORD_SIZE));
   for (uint32_t i = 0; i < count; ++i) {
-    const uint64_t word = payloadPosition + DWORD_SIZE * (uint64_t{i} + 1);
-    if (word > UINT32_MAX) throw NoDataExeption();
-    const uint32_t index = LoadDword(At(static_cast<uint32_t>(word), DWORD_SIZE));
+    const uint32_t index = LoadDword(At(payloadPosition + DWORD_SIZE * (i + 1), DWORD_SIZE));
     // A peer may name a slot that is not there, or one slot twice.
     if (index < handles.Size()) handles[index].Reset();
   }

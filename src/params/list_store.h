@@ -100,6 +100,7 @@ class FastHolderImpl final : public MTObjects::MTReferencedTypeBase, public TQMe
   uint64_t EntryLength(uint32_t position) const;
   uint32_t NextPosition(uint32_t position) const;
   bool HasName(uint32_t position, const char* name) const;
+  void RequireWalkable() const;
 
   uint32_t PushHandle(FastHolderImpl* list);
   void StoreDwords(const char* name, uint8_t type, const void* values, uint32_t count,
