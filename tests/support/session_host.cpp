@@ -119,6 +119,7 @@ RawPeer SessionHost::Admit(const std::string& name, int receiveBuffer) {
     throw std::runtime_error("SessionHost: " + name + ": " + handshake.failure);
   }
   if (!log.WaitFor(TQ_LOG_INFO, "Startup completed for " + name) ||
+      !log.WaitFor(TQ_LOG_INFO, ConnectedLine(name)) ||
       !log.WaitForCount(TQ_LOG_INFO, LAST_LINE, before + 1)) {
     throw std::runtime_error("SessionHost: the session of " + name + " does not start");
   }
