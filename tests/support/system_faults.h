@@ -20,6 +20,7 @@
 #include <cerrno>
 #include <cstdint>
 #include <ctime>
+#include <functional>
 #include <mutex>
 #include <utility>
 #include <vector>
@@ -43,6 +44,8 @@ inline std::array<Fault, static_cast<size_t>(SystemCall::COUNT)> g_faults;
 inline std::atomic<int> g_emptySends{0};
 inline std::mutex g_pollLock;
 inline std::vector<int64_t> g_pollLimits;  // guarded by g_pollLock
+inline std::function<void(int)> g_beforeConnect;
+inline std::atomic<int> g_socketsMade{0};
 
 inline Fault& FaultOf(SystemCall call) { return g_faults[static_cast<size_t>(call)]; }
 
@@ -106,9 +109,23 @@ inline std::vector<int64_t> TakePollLimits() {
   return std::exchange(faults::g_pollLimits, {});
 }
 
+/// How many sockets this process has asked for so far.
+inline int SocketsMade() { return faults::g_socketsMade.load(); }
+
+/// Runs before each connect that does not fail, with its socket. Set it before other threads start.
+inline void BeforeConnect(std::function<void(int socket)> hook) {
+  faults::g_beforeConnect = std::move(hook);
+}
+
 }  // namespace TQ::test
 
 extern "C" {
+
+int socket(int family, int type, int protocol) noexcept {
+  TQ::test::faults::g_socketsMade.fetch_add(1);
+  static auto* const next = TQ::test::faults::Next<int(int, int, int)>("socket");
+  return next(family, type, protocol);
+}
 
 int listen(int socket, int backlog) noexcept {
   if (TQ::test::faults::Fails(TQ::test::SystemCall::LISTEN)) {
@@ -137,6 +154,9 @@ int bind(int socket, const sockaddr* address, socklen_t size) noexcept {
 int connect(int socket, const sockaddr* address, socklen_t size) {
   if (TQ::test::faults::Fails(TQ::test::SystemCall::CONNECT)) {
     return -1;
+  }
+  if (TQ::test::faults::g_beforeConnect) {
+    TQ::test::faults::g_beforeConnect(socket);
   }
   static auto* const next = TQ::test::faults::Next<int(int, const sockaddr*, socklen_t)>("connect");
   return next(socket, address, size);
