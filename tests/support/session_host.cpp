@@ -5,6 +5,7 @@
 #include <stdexcept>
 #include <utility>
 
+#include "frame/settings.h"
 #include "support/free_port.h"
 
 namespace TQ::test {
@@ -101,9 +102,22 @@ SessionHost::~SessionHost() {
 }
 
 void SessionHost::Shutdown() {
-  if (std::exchange(running, false)) {
-    TQShutdown();
+  if (!std::exchange(running, false)) {
+    return;
   }
+  // The listener looks for a stop once its wait of more than a second is over, or somebody knocks.
+  std::atomic<bool> over{false};
+  std::thread knocker([this, &over] {
+    while (!over) {
+      if (detail::StopAllRequested()) {
+        (void)RawPeer::TryConnect(port);
+      }
+      std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    }
+  });
+  TQShutdown();
+  over = true;
+  knocker.join();
 }
 
 RawPeer SessionHost::Admit(const std::string& name, int receiveBuffer) {
