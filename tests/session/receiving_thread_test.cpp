@@ -442,9 +442,10 @@ TEST(ReceivingThread, MayDisconnectItsOwnSessionFromACompletionCallback) {
   Gate callbackDone;
   CompletionRecorder done;
   done.hook = [&](const auto& call) {
+    const SessionRef session = FindSession(*call.applicationName);
     // Returns at once, without waiting for the thread that it runs on.
     EXPECT_EQ(TQDisconnect(call.applicationName->c_str()), TQ_ERR_OK);
-    EXPECT_TRUE(FindSession(*call.applicationName)->CheckValid());
+    EXPECT_TRUE(session.IsValid());
     callbackDone.Open();
   };
   SessionHost host;
