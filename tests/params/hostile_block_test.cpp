@@ -164,7 +164,9 @@ TEST(HostileBlock, CutAnywhereButBehindAnEntryIsNoData) {
   std::vector<bool> boundary(whole.Block().size() + 1, false);
   boundary[0] = true;
   uint32_t count = 0;
-  for (const RawValue& value : *whole.Values()) boundary[value.offset + value.size] = true;
+  // Held by name: the loop would not keep what a temporary holds.
+  const auto values = whole.Values();
+  for (const RawValue& value : *values) boundary[value.offset + value.size] = true;
   for (size_t size = 0; size < boundary.size(); ++size) {
     SCOPED_TRACE(size);
     const Bytes cut = Prefix(whole.Block(), size);
