@@ -8,6 +8,8 @@
 #include <tq/memory_buffer.h>
 
 #include <algorithm>
+#include <algorithm>
+#include <cstdint>
 #include <cstring>
 #include <new>
 
@@ -85,7 +87,8 @@ int32_t TQMemoryBufferTpl2<N>::AppendFromChannel(ITransportChannel& channel, uin
   return result;
 }
 
-/// Writes the whole block, then the descriptor of the next one: the bytes written, or negative.
+/// Writes the whole block, then the descriptor of the next one: the bytes written, or negative. A
+/// sum that 31 bits cannot hold stays at the largest, since a negative one would be a failure.
 template <unsigned N>
 int32_t TQMemoryBufferTpl2<N>::WriteWithDescriptor(ITransportChannel& channel, uint32_t nextSize,
                                                    uint32_t nextCount) const {
@@ -95,7 +98,8 @@ int32_t TQMemoryBufferTpl2<N>::WriteWithDescriptor(ITransportChannel& channel, u
   StoreDword(descriptor + DESCRIPTOR_BLOCK_SIZE, nextSize);
   StoreDword(descriptor + DESCRIPTOR_HANDLE_COUNT, nextCount);
   if (channel.Send(descriptor, DESCRIPTOR_SIZE) < 0) return -1;
-  return blockResult + static_cast<int32_t>(DESCRIPTOR_SIZE);
+  const int64_t written = int64_t{blockResult} + DESCRIPTOR_SIZE;
+  return static_cast<int32_t>(std::min<int64_t>(written, INT32_MAX));
 }
 
 template class TQMemoryBufferTpl2<0>;
