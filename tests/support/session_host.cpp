@@ -205,6 +205,7 @@ _tag_TQ_ERROR CompletionRecorder::Record(const char* applicationName, unsigned s
                                          _tag_HTQPARAMLIST params, _tag_HTQPARAMLIST result,
                                          void* context) {
   auto* self = static_cast<CompletionRecorder*>(context);
+  ++self->running;
   Call call;
   if (applicationName != nullptr) {
     call.applicationName = applicationName;
@@ -218,13 +219,17 @@ _tag_TQ_ERROR CompletionRecorder::Record(const char* applicationName, unsigned s
   {
     const std::lock_guard guard(self->lock);
     self->calls.push_back(call);
-    // Under the lock: a test that waits for this call may destroy the recorder right after.
     self->added.notify_all();
   }
   if (self->hook) {
     self->hook(call);
   }
+  --self->running;  // the last touch: the recorder may be gone after it
   return TQ_ERR_FAILED;
+}
+
+CompletionRecorder::~CompletionRecorder() {
+  EXPECT_TRUE(WaitUntil([this] { return running == 0; })) << "a callback does not return";
 }
 
 std::vector<CompletionRecorder::Call> CompletionRecorder::Calls() const {

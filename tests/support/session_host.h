@@ -146,6 +146,12 @@ class ScopedSlot final {
 /// Threads: any. It must outlive the requests that were given it: make it before the SessionHost.
 class CompletionRecorder final {
  public:
+  CompletionRecorder() = default;
+  /// Waits for callbacks that are running.
+  ~CompletionRecorder();
+  CompletionRecorder(const CompletionRecorder&) = delete;
+  CompletionRecorder& operator=(const CompletionRecorder&) = delete;
+
   struct Call {
     std::optional<std::string> applicationName;  ///< nullopt for a null pointer
     uint32_t slotId = 0;
@@ -173,6 +179,7 @@ class CompletionRecorder final {
   mutable std::mutex lock;
   mutable std::condition_variable added;
   std::vector<Call> calls;  // guarded by lock
+  std::atomic<int> running{0};
 };
 
 /// The connect and the disconnect listener of this process while the object lives. The hooks run
