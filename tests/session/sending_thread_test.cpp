@@ -338,6 +338,45 @@ TEST(SendingThread, LeavesARequestAloneWhoseReplyCameBeforeItsWriteFailed) {
   EXPECT_TRUE(host.WaitForReceivingEnd(NAME));
 }
 
+/// Replies to a request of which only the head was read, and waits until the reply was taken.
+void ReplyEarly(RawPeer& peer) {
+  const auto head = peer.ReceiveExactly(20);
+  ASSERT_TRUE(head) << peer.Problem();
+  const uint32_t reads = DEBUG_TQObjectCount().readCalls;
+  ASSERT_TRUE(peer.SendReply(ReadU32(head->data()), RawList().Int32("x", 5)));
+  // The head, then the body, which is read once the entry has left the table.
+  ASSERT_TRUE(WaitUntil([&] { return DEBUG_TQObjectCount().readCalls == reads + 2; }));
+}
+
+TEST(SendingThread, LeavesACallItsReplyWhenTheWriteFailsAfterwards) {
+  SessionHost host;
+  RawPeer peer = host.Admit(NAME, SMALL_RECEIVE_BUFFER);
+  ScopedList big;
+  big.Binary("b", Filled(MORE_THAN_BUFFERS, 1));
+  CallInThread call(NAME, 9, big.Get());
+  ReplyEarly(peer);
+  peer.Reset();
+  ASSERT_TRUE(call.WaitReturned());
+  EXPECT_EQ(TQGetInt32Value(call.Result(), "x"), 5u);
+}
+
+TEST(SendingThread, LeavesACallbackItsReplyWhenTheWriteFailsAfterwards) {
+  ScopedList big;
+  CompletionRecorder done;
+  // The list is not being read any more, so the callback may change it.
+  done.hook = [&](const auto&) { TQRemoveAllValues(big.Get()); };
+  SessionHost host;
+  RawPeer peer = host.Admit(NAME, SMALL_RECEIVE_BUFFER);
+  big.Binary("b", Filled(MORE_THAN_BUFFERS, 1));
+  ASSERT_EQ(TQNotify(NAME.c_str(), 9, big.Get(), done.Callback(), &done), TQ_ERR_OK);
+  ReplyEarly(peer);
+  peer.Reset();
+  ASSERT_TRUE(host.WaitForEnd(NAME));
+  ASSERT_EQ(done.Count(), 1u);
+  EXPECT_EQ(done.Calls()[0].resultX, 5u);
+  EXPECT_EQ(done.Calls()[0].thread, host.ReceivingThread(NAME));
+}
+
 TEST(SendingThread, GivesACallWhoseOwnWriteFailedAValidEmptyList) {
   SessionHost host;
   RawPeer peer = host.Admit(NAME, SMALL_RECEIVE_BUFFER);
