@@ -27,6 +27,9 @@ void* CountedAllocation(std::size_t size) noexcept {
   return std::malloc(size != 0 ? size : 1);
 }
 
+// Not inlined, or a compiler that sees the one half of a pair alone takes it for a mistake.
+[[gnu::noinline]] void Free(void* block) noexcept { std::free(block); }
+
 }  // namespace
 
 void* operator new(std::size_t size) {
@@ -40,12 +43,12 @@ void* operator new[](std::size_t size) { return operator new(size); }
 void* operator new[](std::size_t size, const std::nothrow_t&) noexcept {
   return CountedAllocation(size);
 }
-void operator delete(void* block) noexcept { std::free(block); }
-void operator delete(void* block, std::size_t) noexcept { std::free(block); }
-void operator delete(void* block, const std::nothrow_t&) noexcept { std::free(block); }
-void operator delete[](void* block) noexcept { std::free(block); }
-void operator delete[](void* block, std::size_t) noexcept { std::free(block); }
-void operator delete[](void* block, const std::nothrow_t&) noexcept { std::free(block); }
+void operator delete(void* block) noexcept { Free(block); }
+void operator delete(void* block, std::size_t) noexcept { Free(block); }
+void operator delete(void* block, const std::nothrow_t&) noexcept { Free(block); }
+void operator delete[](void* block) noexcept { Free(block); }
+void operator delete[](void* block, std::size_t) noexcept { Free(block); }
+void operator delete[](void* block, const std::nothrow_t&) noexcept { Free(block); }
 
 namespace TQ::test {
 namespace {
