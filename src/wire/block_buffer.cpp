@@ -8,7 +8,6 @@
 #include <tq/memory_buffer.h>
 
 #include <algorithm>
-#include <algorithm>
 #include <cstdint>
 #include <cstring>
 #include <new>
