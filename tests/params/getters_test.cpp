@@ -16,6 +16,16 @@ namespace {
 
 constexpr _tag_HTQPARAMLIST NO_LIST = {nullptr};
 
+/// The views are packed, and an expectation binds references, which a packed field cannot have.
+template <typename Value>
+struct View {
+  uint32_t count;
+  const Value* values;
+};
+
+View<uint32_t> Unpacked(const _tag_TQDWORDARRAY& packed) { return {packed.count, packed.values}; }
+View<uint64_t> Unpacked(const _tag_TQQWORDARRAY& packed) { return {packed.count, packed.values}; }
+
 /// A list with one value of every type, under the type's name.
 OwnedList ListOfAllTypes() {
   OwnedList list;
@@ -54,13 +64,13 @@ std::vector<std::string> GettersThatAnswer(_tag_HTQPARAMLIST list, const char* n
   if (TQGetStringArray(list, name, texts, 4, 0) != 0) answered.emplace_back("strings");
   const _tag_BINARYVALUE* binaries[4];
   if (TQGetBinaryArray(list, name, binaries, 4, 0) != 0) answered.emplace_back("binaries");
-  const _tag_TQDWORDARRAY dwords = TQGetInt32Array(list, name);
+  const auto dwords = Unpacked(TQGetInt32Array(list, name));
   EXPECT_EQ(dwords.count == 0, dwords.values == nullptr);
   if (dwords.count != 0) answered.emplace_back("int32s");
-  const _tag_TQQWORDARRAY qwords = TQGetInt64Array(list, name);
+  const auto qwords = Unpacked(TQGetInt64Array(list, name));
   EXPECT_EQ(qwords.count == 0, qwords.values == nullptr);
   if (qwords.count != 0) answered.emplace_back("int32s as int64s");
-  const _tag_TQDWORDARRAY handles = TQGetHandleArray(list, name);
+  const auto handles = Unpacked(TQGetHandleArray(list, name));
   EXPECT_EQ(handles.count == 0, handles.values == nullptr);
   if (handles.count != 0) answered.emplace_back("handles");
   return answered;
@@ -103,11 +113,11 @@ TEST(Getters, GiveTheStoredValues) {
   ASSERT_NE(binary, nullptr);
   EXPECT_EQ(binary->size, 3u);
   EXPECT_EQ(std::memcmp(reinterpret_cast<const uint8_t*>(binary) + 4, "bin", 3), 0);
-  const _tag_TQDWORDARRAY dwords = TQGetInt32Array(list, "int32s");
+  const auto dwords = Unpacked(TQGetInt32Array(list, "int32s"));
   ASSERT_EQ(dwords.count, 2u);
   EXPECT_EQ(dwords.values[0], 1u);
   EXPECT_EQ(dwords.values[1], 2u);
-  const _tag_TQDWORDARRAY indices = TQGetHandleArray(list, "handles");
+  const auto indices = Unpacked(TQGetHandleArray(list, "handles"));
   ASSERT_EQ(indices.count, 2u);
   EXPECT_EQ(indices.values[0], 1u);
   EXPECT_EQ(indices.values[1], NO_HANDLE_INDEX);
@@ -158,7 +168,7 @@ TEST(Getters, OfAn64BitArrayAnswerNothingForOne) {
   const OwnedList list;
   const uint64_t values[] = {1, 2, 3};
   TQSetInt64Array(list, "a", 3, values);
-  const _tag_TQQWORDARRAY view = TQGetInt64Array(list, "a");
+  const auto view = Unpacked(TQGetInt64Array(list, "a"));
   EXPECT_EQ(view.count, 0u);
   EXPECT_EQ(view.values, nullptr);
 }
@@ -167,8 +177,8 @@ TEST(Getters, OfAn64BitArrayGiveA32BitArrayUnderTheirType) {
   const OwnedList list;
   const uint32_t values[] = {1, 2, 3};
   TQSetInt32Array(list, "a", 3, values);
-  const _tag_TQDWORDARRAY dwords = TQGetInt32Array(list, "a");
-  const _tag_TQQWORDARRAY qwords = TQGetInt64Array(list, "a");
+  const auto dwords = Unpacked(TQGetInt32Array(list, "a"));
+  const auto qwords = Unpacked(TQGetInt64Array(list, "a"));
   EXPECT_EQ(qwords.count, 3u);
   EXPECT_EQ(static_cast<const void*>(qwords.values), static_cast<const void*>(dwords.values));
 }
@@ -177,7 +187,7 @@ TEST(Getters, OfAnEmptyArrayGiveItsAddressWithACountOfZero) {
   const OwnedList list;
   TQSetInt32Array(list, "a", 0, nullptr);
   TQSetInt32Value(list, "b", 1);
-  const _tag_TQDWORDARRAY view = TQGetInt32Array(list, "a");
+  const auto view = Unpacked(TQGetInt32Array(list, "a"));
   EXPECT_EQ(view.count, 0u);
   EXPECT_EQ(reinterpret_cast<const uint8_t*>(view.values), list.Impl().BlockData() + 8);
 }

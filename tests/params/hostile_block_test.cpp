@@ -181,7 +181,9 @@ TEST(HostileBlock, CutAnywhereButBehindAnEntryIsNoData) {
 // ---- names, texts and tables --------------------------------------------------------------------
 
 TEST(HostileBlock, ANameWithoutAnEndIsNotReadBeyondTheBlock) {
-  const OwnedList list = ListOfBlock(FromHex("03 61 62 02 63 63 63 63"));
+  // The reader takes such a list, since the walk steps over names without reading them.
+  const OwnedList list = ReceivedList(RawList().Raw(FromHex("03 61 62 02 63 63 63 63")));
+  EXPECT_EQ(TQGetParamCount(list), 1u);
   EXPECT_THROW(TQParamInfo(list,
                            "ab\x02"
                            "cccc"),
@@ -438,7 +440,10 @@ TEST_P(DamagedBlocks, LeadToTheTwoExceptionsAndLeaveTheListAsItWas) {
           TQRemoveParamByInfo(list, TQParamByIndex(list, random.Below(6)));
           break;
         case 6:
-          NamesOf(list);
+          // Names may lack their end, so they are not read here.
+          for (auto* entry = TQGetFirstParam(list); entry != nullptr;) {
+            entry = TQGetNextParam(list, entry);
+          }
           break;
         case 7: {
           const OwnedList nested(TQGetHandleValue(list, name.c_str()));
