@@ -58,6 +58,19 @@ std::string SendingEnd(const std::string& name) {
 
 }  // namespace
 
+std::vector<std::string> ReceivingThreadLog(const LogRecorder& log, const std::string& name) {
+  return LinesOfThread(log, ConnectedLine(name), ReceivingEnd(name));
+}
+
+std::vector<std::string> SendingThreadLog(const LogRecorder& log, const std::string& name) {
+  return LinesOfThread(log, RemovingLine(name), SendingEnd(name));
+}
+
+bool WaitForSessionEnd(const LogRecorder& log, const std::string& name) {
+  return log.WaitForPrefix(TQ_LOG_INFO, ReceivingEnd(name)) &&
+         log.WaitForPrefix(TQ_LOG_INFO, SendingEnd(name));
+}
+
 // ---- Gate --------------------------------------------------------------------------------------
 
 void Gate::Open() {
@@ -154,14 +167,6 @@ RawPeer SessionHost::ConnectOut(RawListener& listener, const std::string& name) 
     throw std::runtime_error("SessionHost: no way to " + name + ": " + handshake.failure);
   }
   return std::move(*peer);
-}
-
-std::vector<std::string> SessionHost::ReceivingThreadLog(const std::string& name) const {
-  return LinesOfThread(log, ConnectedLine(name), ReceivingEnd(name));
-}
-
-std::vector<std::string> SessionHost::SendingThreadLog(const std::string& name) const {
-  return LinesOfThread(log, RemovingLine(name), SendingEnd(name));
 }
 
 std::thread::id SessionHost::ReceivingThread(const std::string& name) const {

@@ -47,6 +47,16 @@ class Gate final {
   bool open = false;  // guarded by lock
 };
 
+/// What the receiving thread of the session `name` has logged, each line as its level, a blank and
+/// its text: from the connection to the last line of the thread, or to where it is now.
+std::vector<std::string> ReceivingThreadLog(const LogRecorder& log, const std::string& name);
+
+/// The same for the sending thread, from where it takes the session out of the registry.
+std::vector<std::string> SendingThreadLog(const LogRecorder& log, const std::string& name);
+
+/// Waits until both threads of the session have logged their last lines.
+bool WaitForSessionEnd(const LogRecorder& log, const std::string& name);
+
 /// The library in this process, initialised under the name "host" and listening.
 class SessionHost final {
  public:
@@ -76,12 +86,12 @@ class SessionHost final {
   uint16_t Port() const { return port; }
   LogRecorder& Log() { return log; }
 
-  /// What the receiving thread of the session `name` has logged, each line as its level, a blank
-  /// and its text: from the connection to the last line of the thread, or to where it is now.
-  std::vector<std::string> ReceivingThreadLog(const std::string& name) const;
-
-  /// The same for the sending thread, from where it takes the session out of the registry.
-  std::vector<std::string> SendingThreadLog(const std::string& name) const;
+  std::vector<std::string> ReceivingThreadLog(const std::string& name) const {
+    return test::ReceivingThreadLog(log, name);
+  }
+  std::vector<std::string> SendingThreadLog(const std::string& name) const {
+    return test::SendingThreadLog(log, name);
+  }
 
   /// The threads of the session by what they have logged; the default id if they have not.
   std::thread::id ReceivingThread(const std::string& name) const;
@@ -90,9 +100,7 @@ class SessionHost final {
   /// Waits until the sending or receiving thread of the session has logged its last line.
   bool WaitForReceivingEnd(const std::string& name) const;
   bool WaitForSendingEnd(const std::string& name) const;
-  bool WaitForEnd(const std::string& name) const {
-    return WaitForReceivingEnd(name) && WaitForSendingEnd(name);
-  }
+  bool WaitForEnd(const std::string& name) const { return WaitForSessionEnd(log, name); }
 
   /// Waits until this many sessions are left.
   static bool WaitForSessions(uint32_t count);
