@@ -326,6 +326,7 @@ void* operator new(std::size_t size) {
   return block;
 }
 void* operator new(std::size_t size, const std::nothrow_t&) noexcept { return std::malloc(size); }
-void operator delete(void* block) noexcept { std::free(block); }
-void operator delete(void* block, std::size_t) noexcept { std::free(block); }
+// Not inlined: a compiler that sees only the free takes it for a mismatch with new.
+[[gnu::noinline]] void operator delete(void* block) noexcept { std::free(block); }
+[[gnu::noinline]] void operator delete(void* block, std::size_t) noexcept { std::free(block); }
 void operator delete(void* block, const std::nothrow_t&) noexcept { std::free(block); }
