@@ -64,6 +64,9 @@ void TQAPPImpl::FinishFailedRequest(const MessageRef& message) {
 }
 
 void TQAPPImpl::EndSending() {
+  // A library that stops while the session starts gets here first. The entry must be there before
+  // it is taken away, or it would stay for good and the shutdown would wait for it for good.
+  AwaitReceivingReady();
   Log(TQ_LOG_INFO, "Removing application ", name);
   // From here on nobody finds the session, so a call that has found it is in the queue by now.
   g_applications.Erase(name);

@@ -71,10 +71,7 @@ bool TQAPPImpl::StartManagementThreads() {
     sendingStart = true;
   }
   sendingStartCondition.SignalOne();
-  {
-    LockScope held(receivingLock);
-    while (!receivingReady) receivingReadyCondition.Wait(receivingLock);
-  }
+  AwaitReceivingReady();
   {
     LockScope held(sendingLock);
     while (!sendingReady) sendingReadyCondition.Wait(sendingLock);
@@ -104,7 +101,12 @@ void TQAPPImpl::AnnounceReceivingReady() {
     LockScope held(receivingLock);
     receivingReady = true;
   }
-  receivingReadyCondition.SignalOne();
+  receivingReadyCondition.SignalAll();  // the maker waits for it, and an early end of the session
+}
+
+void TQAPPImpl::AwaitReceivingReady() {
+  LockScope held(receivingLock);
+  while (!receivingReady) receivingReadyCondition.Wait(receivingLock);
 }
 
 void TQAPPImpl::AwaitSendingStart() {

@@ -89,6 +89,7 @@ class TQAPPImpl final : public MTObjects::MTReferencedTypeBase {
   void SendingThreadBody();
   void AwaitReceivingStart();
   void AnnounceReceivingReady();
+  void AwaitReceivingReady();
   void AwaitSendingStart();
   void AnnounceSendingReady();
   void LogNotInitialized() const;
