@@ -811,16 +811,11 @@ TEST_F(Disconnect, LetsASessionGoWhoseRequestsWereAnswered) {
   EXPECT_EQ(DEBUG_TQObjectCount().messages, 0u);
 }
 
-// A session that ended with unanswered requests is never destroyed: it and its request hold each
-// other. This is what still leads to it, for a checker of leaks.
-TQAPPImpl* g_keptForGood = nullptr;
-
 // Ends a session with a request that nobody has answered, and tells what stays of it.
 TQ_TEST_ROLE(endUnanswered) {
   LogRecorder log;
   SocketSession session;
   EXPECT_TRUE(session.admitted);
-  g_keptForGood = g_applications.Find(PEER_NAME).Get();
   const int descriptors = OpenDescriptorCount();
   std::thread caller([] { EXPECT_EQ(TQCall(PEER_NAME, 3, {}).impl, nullptr); });
   EXPECT_TRUE(session.peer.ReadFrame());
@@ -834,15 +829,16 @@ TQ_TEST_ROLE(endUnanswered) {
   EXPECT_EQ(DEBUG_TQObjectCount().messages, 1u);
   EXPECT_EQ(g_applications.Size(), 0u);
   EXPECT_EQ(log.CountOfPrefix("Destroying TQAPPImpl"), 0u);
-  Say("stays");
-  return AwaitCommand("end") ? 0 : 1;
+  Say(testing::Test::HasFailure() ? "differs" : "stays");
+  return AwaitCommand("never") ? 0 : 1;
 }
 
 TEST(SessionWithUnansweredRequests, IsNeverDestroyedAndKeepsItsConnection) {
   ChildProcess process("endUnanswered");
   EXPECT_TRUE(process.ExpectLine("stays"));
-  process.WriteLine("end");
-  EXPECT_TRUE(process.ExpectSuccess());
+  // Without the checks at an orderly end: the session, its request and its sending thread, which
+  // has ended and will never be let go, are what a checker of leaks looks for.
+  process.Kill();
 }
 
 // ---- no more threads ---------------------------------------------------------------------------
