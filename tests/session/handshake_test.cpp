@@ -123,6 +123,8 @@ class HandshakeTest : public testing::Test {
   ListenerRecorder listeners;
   int threadsBefore = 0;
   int otherThreads = 0;  ///< of other sessions of the test
+  int atCheck = 0;       ///< threads when the channel was looked at first
+  int atAddresses = 0;   ///< threads when it was asked for its address first
   ScriptedChannel* const channel = new ScriptedChannel();
   ChannelRef held{channel};
   SessionRef session{new TQAPPImpl()};
@@ -157,8 +159,6 @@ TEST_F(AcceptHandshake, TellsTheConnectListenerAlone) {
 }
 
 TEST_F(AcceptHandshake, ChecksTheChannelBeforeItMakesItsThreads) {
-  int atCheck = 0;
-  int atAddresses = 0;
   channel->Before("valid", [&](const void*) {
     if (atCheck == 0) atCheck = ThreadCount();
   });
@@ -564,7 +564,6 @@ TEST_F(ConnectHandshake, TakesItsStepsInOrderAndIsAdmitted) {
 }
 
 TEST_F(ConnectHandshake, MakesItsThreadsBeforeItLooksAtTheChannel) {
-  int atCheck = 0;
   channel->Before("valid", [&](const void*) {
     if (atCheck == 0) atCheck = ThreadCount();
   });
