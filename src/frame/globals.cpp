@@ -36,55 +36,45 @@ std::atomic<TQLogCallback> g_logCallback{nullptr};
 
 // Settings.
 namespace {
-NeverDestroyed<LimitSettings> defaultLimitsStorage(DEFAULT_RECORD);
 NeverDestroyed<LimitSettings> limitsStorage(DEFAULT_RECORD);
-NeverDestroyed<GuardedText> localApplicationNameStorage;
 }  // namespace
-LimitSettings& defaultLimits = *defaultLimitsStorage;
+LimitSettings defaultLimits(DEFAULT_RECORD);
 LimitSettings& limits = *limitsStorage;
 StopFlag stopAll{0};
-GuardedText& localApplicationName = *localApplicationNameStorage;
+GuardedText localApplicationName;
 std::atomic<TQConnectListener> g_connectListener{nullptr};
 std::atomic<TQDisconnectListener> g_disconnectListener{nullptr};
 std::atomic<TQAuthFailedListener> g_authFailedListener{nullptr};
 std::atomic<TQUnknownConnectListener> g_unknownConnectListener{nullptr};
 
 // Listener settings and gates.
-namespace {
-NeverDestroyed<CountedRef<ConnThreadInfo>> connThreadInfoStorage(
-    CountedRef<ConnThreadInfo>(new ConnThreadInfo()));
-NeverDestroyed<CountedRef<ConnPipeThreadInfo>> connPipeThreadInfoStorage(
-    CountedRef<ConnPipeThreadInfo>(new ConnPipeThreadInfo()));
-NeverDestroyed<CountedRef<MTObjects::ISyncEvent>> socketListenerGateStorage(
-    CountedRef<MTObjects::ISyncEvent>(new MTObjects::ISyncEvent()));
-NeverDestroyed<CountedRef<MTObjects::ISyncEvent>> pipeListenerGateStorage(
-    CountedRef<MTObjects::ISyncEvent>(new MTObjects::ISyncEvent()));
-}  // namespace
-CountedRef<ConnThreadInfo>& connThreadInfo = *connThreadInfoStorage;
-CountedRef<ConnPipeThreadInfo>& connPipeThreadInfo = *connPipeThreadInfoStorage;
-CountedRef<MTObjects::ISyncEvent>& socketListenerGate = *socketListenerGateStorage;
-CountedRef<MTObjects::ISyncEvent>& pipeListenerGate = *pipeListenerGateStorage;
+CountedRef<ConnThreadInfo> connThreadInfo(new ConnThreadInfo());
+CountedRef<ConnPipeThreadInfo> connPipeThreadInfo(new ConnPipeThreadInfo());
+CountedRef<MTObjects::ISyncEvent> socketListenerGate(new MTObjects::ISyncEvent());
+CountedRef<MTObjects::ISyncEvent> pipeListenerGate(new MTObjects::ISyncEvent());
 
 // Slot table, signal table, registry, dispatch queue, generator.
+SlotTable g_slots;
 namespace {
-NeverDestroyed<SlotTable> slotsStorage;
 NeverDestroyed<SignalTable> signalsStorage;
 NeverDestroyed<ApplicationRegistry> applicationsStorage;
 NeverDestroyed<MessageQueue> dispatchQueueStorage;
-NeverDestroyed<RandomGenerator> randomGeneratorStorage(std::random_device{}());
 }  // namespace
-SlotTable& g_slots = *slotsStorage;
 SignalTable& g_signals = *signalsStorage;
 ApplicationRegistry& g_applications = *applicationsStorage;
 MessageQueue& g_dispatchQueue = *dispatchQueueStorage;
-RandomGenerator& randomGenerator = *randomGeneratorStorage;
+RandomGenerator randomGenerator(std::random_device{}());
 
 namespace {
 
-/// Releases at library unload what the dispatcher has left behind, uncompleted.
-struct DispatchQueueLeftovers {
-  ~DispatchQueueLeftovers() { g_dispatchQueue.ReleaseAll(); }
-} dispatchQueueLeftovers;
+/// Releases at library unload what is left in the objects that stay: messages that the dispatcher
+/// has left behind, uncompleted, and signals with their subscribers.
+struct Leftovers {
+  ~Leftovers() {
+    g_dispatchQueue.ReleaseAll();
+    g_signals.Clear();
+  }
+} leftovers;
 
 }  // namespace
 

@@ -74,7 +74,7 @@ class GuardedText {
 
 /// What a first initialisation starts from; its block is also what TQSetAuthenticationInfo leaves
 /// for later initialisations.
-extern LimitSettings& defaultLimits;
+extern LimitSettings defaultLimits;
 
 /// The limits in force.
 extern LimitSettings& limits;
@@ -85,7 +85,7 @@ extern StopFlag stopAll;
 inline bool StopAllRequested() { return stopAll.load(std::memory_order_relaxed) != 0; }
 
 /// This process's full application name; empty before the first initialisation.
-extern GuardedText& localApplicationName;
+extern GuardedText localApplicationName;
 
 /// "host:port/name", the form in which every application is addressed.
 std::string ComposeApplicationName(const std::string& hostName, int32_t port, const char* name);

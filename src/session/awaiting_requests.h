@@ -36,9 +36,10 @@ class AwaitingRequests {
  private:
   using Entry = std::pair<const uint32_t, MessageRef>;
 
+  std::map<uint32_t, MessageRef, std::less<>, TQHeapAllocator<Entry>> entries TQ_GUARDED_BY(lock);
+
   // Recursive: a completion callback that CancelAll runs may come back here on its thread.
   RecursiveMutex lock;
-  std::map<uint32_t, MessageRef, std::less<>, TQHeapAllocator<Entry>> entries TQ_GUARDED_BY(lock);
 };
 
 }  // namespace TQ::detail

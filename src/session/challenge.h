@@ -31,7 +31,7 @@ class RandomGenerator {
 };
 
 /// Seeded at library load from the platform's non-deterministic source.
-extern RandomGenerator& randomGenerator;
+extern RandomGenerator randomGenerator;
 
 /// MD5 over the 256 bytes of the block and then the 1024 of the challenge.
 Md5Digest DigestOf(const AuthBlock& block, const Challenge& challenge);

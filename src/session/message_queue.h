@@ -54,10 +54,11 @@ class MessageQueue {
 
   Mutex lock;
   Condition condition;
-  bool wakeRequested TQ_GUARDED_BY(lock) = false;
 
   // The consumer's own: oldest first.
   Node* batch = nullptr;
+
+  bool wakeRequested TQ_GUARDED_BY(lock) = false;
 
   // Written under `lock`, read by producers without it. No caller of Wake ever closes a queue.
   std::atomic<bool> closed{false};

@@ -56,7 +56,6 @@ bool TQAPPImpl::ReadOneFrame() {
   MessageRef message = ReceiveMessage(*this);
   if (!message.IsValid()) return false;
   if (message->Kind() == MSG_REPLY) {
-    message->WaitUntilWritten();
     message->Complete(false);
   } else {
     Dispatch(std::move(message));
@@ -76,7 +75,7 @@ void TQAPPImpl::EndReceiving(EndCause cause) {
                                                 : "Remote disconnect: ";
   Log(TQ_LOG_INFO, text, '"', name, '"', " stopped");
   g_signals.RemoveSubscriptionsOf(*this);
-  // The session can still be found and called while the listener runs.
+  // When the peer is lost, the session can still be found and called while the listener runs.
   const auto listener = g_disconnectListener.load(std::memory_order_relaxed);
   if (listener != nullptr) {
     const ParsedApplicationName parsed(name.c_str());

@@ -134,7 +134,6 @@ class TQAPPImpl final : public MTObjects::MTReferencedTypeBase {
   // Atomic, one transition each.
   StopFlag stopRequested{0};
   std::atomic<uint8_t> authenticated{0};
-  std::atomic<uint8_t> holdsReceivingThread{0};
 
   // As `name`.
   std::string peerHost;
@@ -143,6 +142,9 @@ class TQAPPImpl final : public MTObjects::MTReferencedTypeBase {
   std::string localAddress;
 
   TQ::detail::MessageQueue outgoing;
+
+  // Atomic: set before the threads park, cleared after the join.
+  std::atomic<uint8_t> holdsReceivingThread{0};
 
   // Held across the join of the receiving thread, so that of two who stop the session the second
   // finds the thread joined. The receiving thread itself never takes it.

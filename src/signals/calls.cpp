@@ -41,6 +41,9 @@ _tag_HTQPARAMLIST TQCall(const char* applicationName, unsigned slotId, _tag_HTQP
   if (!message || !event) return g_nullParamList;
   // Intended: no time limit. The reply or the end of the session lets the caller go.
   event->Wait(WAIT_FOREVER);
+  // A peer may answer before it has read the request. The list is the caller's again only when the
+  // sending thread is done with it.
+  message->WaitUntilWritten();
   return TQReferenceHandle({message->GetResult().Get()});
 }
 

@@ -24,6 +24,11 @@ SubscriberList* SignalTable::Find(const char* name) {
   return found != signals.end() ? &found->second : nullptr;
 }
 
+void SignalTable::Clear() {
+  LockScope held(lock);
+  signals.clear();
+}
+
 void SignalTable::RemoveSubscriptionsOf(const TQAPPImpl& session) {
   LockScope held(lock);
   for (auto& [name, subscribers] : signals) {

@@ -42,6 +42,9 @@ class SignalTable {
   /// The subscribers of `name`, or null when there is no such signal.
   SubscriberList* Find(const char* name) TQ_REQUIRES(lock);
 
+  /// Takes every signal away.
+  void Clear();
+
   /// Takes out every subscriber whose session is `session`.
   void RemoveSubscriptionsOf(const TQAPPImpl& session);
 

@@ -35,6 +35,6 @@ class SlotTable {
   std::map<uint32_t, SlotEntry> slots TQ_GUARDED_BY(lock);
 };
 
-extern SlotTable& g_slots;
+extern SlotTable g_slots;
 
 }  // namespace TQ::detail

@@ -50,14 +50,14 @@ struct ConnPipeThreadInfo final : public MTObjects::MTReferencedTypeBase {
 
 namespace TQ::detail {
 
-// The references are held for the life of the process.
-extern CountedRef<ConnThreadInfo>& connThreadInfo;
-extern CountedRef<ConnPipeThreadInfo>& connPipeThreadInfo;
+// The references are held from library load to unload.
+extern CountedRef<ConnThreadInfo> connThreadInfo;
+extern CountedRef<ConnPipeThreadInfo> connPipeThreadInfo;
 
 // Intended: a gate once open stays open. After a shutdown the next initialisation finds both open,
 // and its listeners run at once.
-extern CountedRef<MTObjects::ISyncEvent>& socketListenerGate;
-extern CountedRef<MTObjects::ISyncEvent>& pipeListenerGate;
+extern CountedRef<MTObjects::ISyncEvent> socketListenerGate;
+extern CountedRef<MTObjects::ISyncEvent> pipeListenerGate;
 
 /// Lets both listeners go.
 void OpenListenerGates();

@@ -140,6 +140,8 @@ int32_t TQSlotCallMessage::Deserialize(const uint64_t* tail) {
 void TQSlotCallMessage::Complete(bool dropResult) {
   if (dropResult) result.Reset();
   if (completion.callback != nullptr) {
+    // The callback may change the list, so the sending thread must be done with it.
+    WaitUntilWritten();
     // What the callback answers has no meaning to anyone.
     (void)completion.callback(session->Name().c_str(), slotId, {params.Get()}, {result.Get()},
                               completion.context);

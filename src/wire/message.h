@@ -61,7 +61,7 @@ class ITQMessage : public MTObjects::MTReferencedTypeBase {
   const SessionRef& Session() const { return session; }
 
   // A peer may answer before it has read the request to its end. The sending thread then still
-  // reads the caller's list, so the caller must not be let go yet.
+  // reads the caller's list, so neither a caller nor a callback may be given that list back yet.
   void BeginWriting() { writing.store(true, std::memory_order_relaxed); }
   void EndWriting();
   void WaitUntilWritten() const;
