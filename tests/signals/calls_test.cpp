@@ -326,18 +326,6 @@ TEST(Call, IsMatchedWithItsReplyByTheIdAlone) {
   EXPECT_EQ(TQGetInt32Value(third.Result(), "slot"), 3u);
 }
 
-TEST(Call, WaitsWithoutATimeLimit) {
-  SessionHost host;  // with a read limit of about one second
-  RawPeer peer = host.Admit(NAME);
-  CallInThread call(NAME, 7);
-  const auto frame = peer.ReadFrame();
-  ASSERT_TRUE(frame) << peer.Problem();
-  EXPECT_FALSE(call.WaitReturned(milliseconds(3000)));
-  peer.SendReply(frame->id, RawList().Int32("x", 1));
-  ASSERT_TRUE(call.WaitReturned());
-  EXPECT_EQ(TQGetInt32Value(call.Result(), "x"), 1u);
-}
-
 // ---- what is locked ----------------------------------------------------------------------------
 
 // Takes the registry's lock on another thread and tells whether that could be done in time.
