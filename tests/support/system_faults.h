@@ -27,7 +27,7 @@
 
 namespace TQ::test {
 
-enum class SystemCall { LISTEN, ACCEPT, POLL, BIND, CONNECT, GET_SOCKET_NAME, COUNT };
+enum class SystemCall { SOCKET, LISTEN, ACCEPT, POLL, BIND, CONNECT, GET_SOCKET_NAME, COUNT };
 
 /// The code with which a call fails.
 constexpr int FAULT_CODE = ENOBUFS;
@@ -123,6 +123,9 @@ extern "C" {
 
 int socket(int family, int type, int protocol) noexcept {
   TQ::test::faults::g_socketsMade.fetch_add(1);
+  if (TQ::test::faults::Fails(TQ::test::SystemCall::SOCKET)) {
+    return -1;
+  }
   static auto* const next = TQ::test::faults::Next<int(int, int, int)>("socket");
   return next(family, type, protocol);
 }

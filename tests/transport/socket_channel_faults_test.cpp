@@ -190,13 +190,17 @@ TEST_P(WakeupSteps, FailureLeavesAChannelWithoutAWakeupSocketAndLogsNothing) {
   const auto start = std::chrono::steady_clock::now();
   EXPECT_EQ(channel->WaitForData(100), 0);
   EXPECT_GE(ElapsedMs(start), 100);
-  ASSERT_TRUE(far.SendBytes({1}));
+  ASSERT_TRUE(far.SendBytes(Pattern(4)));
   EXPECT_EQ(channel->WaitForData(20000), 1);
+  EXPECT_EQ(channel->WaitForData(), 1);
+  EXPECT_EQ(ReceiveBytes(*channel, 4), Pattern(4));
+  EXPECT_EQ(SendBytes(*channel, Pattern(4)), 4);
+  EXPECT_EQ(far.ReceiveExactly(4), Pattern(4));
 }
 
 INSTANTIATE_TEST_SUITE_P(SocketChannelFaults, WakeupSteps,
-                         testing::Values(SystemCall::BIND, SystemCall::GET_SOCKET_NAME,
-                                         SystemCall::CONNECT));
+                         testing::Values(SystemCall::SOCKET, SystemCall::BIND,
+                                         SystemCall::GET_SOCKET_NAME, SystemCall::CONNECT));
 
 // Before it is connected to itself the socket takes in what anybody sends.
 void SendBeforeConnect(const Bytes& datagram) {

@@ -507,30 +507,6 @@ TEST(SocketChannel, WakeupsMayComeFromManyThreads) {
   EXPECT_GE(ElapsedMs(start), 100);
 }
 
-TEST(SocketChannel, WorksWithoutAWakeupSocket) {
-  LoopbackPair pair;
-  detail::ChannelRef channel;
-  LogRecorder log;
-  {
-    const NoMoreDescriptors none;
-    channel = detail::ChannelRef(new SocketChannel(pair.TakeNear()));
-  }
-  ASSERT_EQ(WakeupHandle(), platform::NO_HANDLE);
-  EXPECT_EQ(log.CountOfPrefix("Socket channel("), 1u);
-  EXPECT_EQ(log.Lines().size(), 1u) << log.Dump();
-  channel->Wakeup();
-  const auto start = steady_clock::now();
-  EXPECT_EQ(channel->WaitForData(120), 0);
-  EXPECT_GE(ElapsedMs(start), 120);
-  RawPeer far = pair.TakeFarAsPeer();
-  ASSERT_TRUE(far.SendBytes(Pattern(4)));
-  EXPECT_EQ(channel->WaitForData(20000), 1);
-  EXPECT_EQ(channel->WaitForData(), 1);
-  EXPECT_EQ(ReceiveBytes(*channel, 4), Pattern(4));
-  EXPECT_EQ(SendBytes(*channel, Pattern(4)), 4);
-  EXPECT_EQ(far.ReceiveExactly(4), Pattern(4));
-}
-
 // ---- a difficult host --------------------------------------------------------------------------
 
 TEST(SocketChannel, WorksWithDescriptorsAboveTheOldSetLimit) {

@@ -43,6 +43,11 @@ ListRef MakeList(const char* name, uint32_t value) {
   return list;
 }
 
+// The nested list under a name, null if there is none.
+ListRef NestedOf(const ListRef& list, const char* name) {
+  return ListRef::Adopt(TQGetHandleValue(HandleOf(list), name).impl);
+}
+
 void Nest(const ListRef& parent, const char* name, const ListRef& child) {
   EXPECT_EQ(TQSetHandleValue(HandleOf(parent), name, HandleOf(child)), TQ_ERR_OK);
 }
@@ -244,9 +249,9 @@ TEST(ListStream, OneNestedListIsRead) {
   EXPECT_EQ(read.total, 24);
   EXPECT_EQ(read.channel.ReadSizes(), (Sizes{16, 8}));
   EXPECT_EQ(read.list->BlockSize(), 8u) << "the descriptor is cut off again";
-  const _tag_HTQPARAMLIST nested = TQGetHandleValue(HandleOf(read.list), "c");
-  EXPECT_EQ(TQGetInt32Value(nested, "a"), 1u);
-  EXPECT_EQ(TQGetParamCount(nested), 1u);
+  const ListRef nested = NestedOf(read.list, "c");
+  EXPECT_EQ(TQGetInt32Value(HandleOf(nested), "a"), 1u);
+  EXPECT_EQ(TQGetParamCount(HandleOf(nested)), 1u);
 }
 
 TEST(ListStream, NestedEmptyListIsRead) {
@@ -255,7 +260,7 @@ TEST(ListStream, NestedEmptyListIsRead) {
   EXPECT_EQ(read.channel.Remaining(), 0u);
   ASSERT_EQ(read.list->Handles().Size(), 1u);
   EXPECT_EQ(read.list->Handles()[0]->BlockSize(), 0u);
-  EXPECT_NE(TQGetHandleValue(HandleOf(read.list), "c").impl, nullptr);
+  EXPECT_TRUE(NestedOf(read.list, "c"));
 }
 
 TEST(ListStream, TreeIsReadInVectorOrderAtEveryDepth) {
@@ -264,12 +269,11 @@ TEST(ListStream, TreeIsReadInVectorOrderAtEveryDepth) {
   EXPECT_EQ(read.channel.Remaining(), 0u);
   EXPECT_EQ(read.channel.ReadSizes(), (Sizes{40, 28, 16, 12}));
   ExpectEqual(*read.list, RawTree());
-  const _tag_HTQPARAMLIST top = HandleOf(read.list);
-  const _tag_HTQPARAMLIST c1 = TQGetHandleValue(top, "c1");
-  EXPECT_EQ(TQGetInt32Value(c1, "c1"), 2u);
-  EXPECT_EQ(TQGetInt32Value(TQGetHandleValue(c1, "d"), "d"), 4u);
-  EXPECT_STREQ(TQGetStringValue(TQGetHandleValue(top, "c2"), "c2"), "x");
-  EXPECT_EQ(TQGetParamCount(top), 3u);
+  const ListRef c1 = NestedOf(read.list, "c1");
+  EXPECT_EQ(TQGetInt32Value(HandleOf(c1), "c1"), 2u);
+  EXPECT_EQ(TQGetInt32Value(HandleOf(NestedOf(c1, "d")), "d"), 4u);
+  EXPECT_STREQ(TQGetStringValue(HandleOf(NestedOf(read.list, "c2")), "c2"), "x");
+  EXPECT_EQ(TQGetParamCount(HandleOf(read.list)), 3u);
 }
 
 TEST(ListStream, DescriptorBehindTheTreeGoesToTheCaller) {
@@ -346,8 +350,8 @@ TEST(ListStream, WideTreesSurviveTheRoundTrip) {
   EXPECT_EQ(read.total, static_cast<int32_t>(raw.Stream().size()));
   ExpectEqual(*read.list, raw);
   for (const uint32_t i : {0u, 1u, 150u, 299u}) {
-    const auto nested = TQGetHandleValue(HandleOf(read.list), ("h" + std::to_string(i)).c_str());
-    EXPECT_EQ(TQGetInt32Value(nested, "i"), i);
+    const ListRef nested = NestedOf(read.list, ("h" + std::to_string(i)).c_str());
+    EXPECT_EQ(TQGetInt32Value(HandleOf(nested), "i"), i);
   }
 }
 
@@ -379,9 +383,9 @@ TEST(ListStream, IndexAboveTheHandleCountSurvivesAndNamesNoList) {
                           .HandleIndexArray("array", {0, 5, 0xFFFFFFFF});
   const ReadResult read(raw);
   ASSERT_GT(read.total, 0);
-  EXPECT_NE(TQGetHandleValue(HandleOf(read.list), "good").impl, nullptr);
-  EXPECT_EQ(TQGetHandleValue(HandleOf(read.list), "bad").impl, nullptr);
-  EXPECT_EQ(TQGetHandleValue(HandleOf(read.list), "worse").impl, nullptr);
+  EXPECT_TRUE(NestedOf(read.list, "good"));
+  EXPECT_FALSE(NestedOf(read.list, "bad"));
+  EXPECT_FALSE(NestedOf(read.list, "worse"));
 }
 
 TEST(ListStream, OfTwoEntriesOfOneNameTheFirstIsFound) {

@@ -65,7 +65,8 @@ TEST(ReceiveMessage, CallBecomesAMessageWithItsListAndAnEmptyResult) {
   EXPECT_EQ(message->Session(), session.Ref());
   const _tag_HTQPARAMLIST params{message->GetParams().Get()};
   EXPECT_EQ(TQGetInt32Value(params, "a"), 1u);
-  EXPECT_EQ(TQGetInt32Value(TQGetHandleValue(params, "c"), "b"), 2u);
+  const ListRef nested = ListRef::Adopt(TQGetHandleValue(params, "c").impl);
+  EXPECT_EQ(TQGetInt32Value({nested.Get()}, "b"), 2u);
   ASSERT_TRUE(message->GetResult());
   EXPECT_EQ(message->GetResult()->ParamCount(), 0u);
   EXPECT_EQ(session.Remaining(), 0u);
