@@ -594,8 +594,10 @@ TEST(HostilePeer, ThatAnnouncesMoreListsThanItSendsEndsItsSession) {
   for (const uint32_t count : {2u, 1000u, 0x01000000u, 0xFFFFFFFFu}) {
     SCOPED_TRACE(count);
     Attack attack(town);
-    // One empty nested list and the descriptor of a second, then the end.
-    ASSERT_TRUE(attack.peer.SendBytes(Announce(0, count, Bytes(16, 0))));
+    // Two empty nested lists, then the end. A notification, since the reply to a peer that is gone
+    // by then would keep its session.
+    ASSERT_TRUE(
+        attack.peer.SendBytes(Concat({RequestHead(1, RAW_NOTIFY, ECHO, 0, count), Bytes(16, 0)})));
     attack.peer.ShutdownWrite();
     ASSERT_TRUE(town.host.WaitForEnd(attack.name));
     EXPECT_EQ(town.host.Log().CountOf("Deserialization failed"), count == 2 ? 0u : 1u)
