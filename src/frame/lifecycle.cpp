@@ -18,6 +18,7 @@
 #include <array>
 #include <atomic>
 #include <thread>
+#include <vector>
 
 using namespace TQ::detail;
 namespace platform = TQ::platform;
@@ -94,6 +95,12 @@ void JoinIfHeld(std::thread& thread) {
   if (thread.joinable()) thread.join();
 }
 
+void StopSessions(const std::vector<SessionRef>& sessions) {
+  for (const SessionRef& session : sessions) {
+    if (session.IsValid()) session->StopSession();
+  }
+}
+
 /// Intended: no pause. A session that is not valid any more is looked at again and again until its
 /// sending thread has erased it.
 void StopAllSessions() {
@@ -138,11 +145,16 @@ _tag_TQ_ERROR TQShutdown() {
   LockScope held(initLock);
   if (initCount.load() == 0) return TQ_ERR_OK;
   if (initCount.fetch_sub(1) != 1) return TQ_ERR_OK;
+  // A session's sending thread may see the stop before this function comes to the session, and then
+  // takes the name away. Its receiving thread is joined all the same, by the reference from here.
+  std::vector<SessionRef> connected = g_applications.All();
   stopAll.store(1, std::memory_order_relaxed);
   OpenListenerGates();
   // A join of the calling thread raises std::system_error, which is the host's to see.
   JoinIfHeld(pipeListenerThread);
   JoinIfHeld(socketListenerThread);
+  StopSessions(connected);
+  connected.clear();
   StopAllSessions();
   g_dispatchQueue.Push(nullptr);
   // Intended: not tested for a thread. After an initialisation that failed this raises.

@@ -36,6 +36,14 @@ ApplicationRegistry::SessionRef ApplicationRegistry::First() {
   return entries.empty() ? nullptr : entries.begin()->second;
 }
 
+std::vector<ApplicationRegistry::SessionRef> ApplicationRegistry::All() {
+  LockScope held(applicationsLock);
+  std::vector<SessionRef> sessions;
+  sessions.reserve(entries.size());
+  for (const auto& [key, session] : entries) sessions.push_back(session);
+  return sessions;
+}
+
 void ApplicationRegistry::Set(const std::string& name, SessionRef session) {
   // What the entry held before is released when `session` goes, after the lock.
   LockScope held(applicationsLock);

@@ -9,6 +9,7 @@
 #include <cstdint>
 #include <map>
 #include <string>
+#include <vector>
 
 class TQAPPImpl;
 
@@ -56,6 +57,9 @@ class ApplicationRegistry {
 
   /// The session of the first entry, or null.
   SessionRef First();
+
+  /// The sessions of all entries.
+  std::vector<SessionRef> All();
 
   /// Leads `name` to `session`. An entry of that name is taken over silently.
   void Set(const std::string& name, SessionRef session);

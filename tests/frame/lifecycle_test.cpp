@@ -119,22 +119,6 @@ bool AddressIsCleared() {
   return std::all_of(address.begin(), address.end(), [](uint8_t byte) { return byte == 0; });
 }
 
-// Shuts down without the wait after which an idle socket listener looks for the stop.
-void ShutdownWhileKnocking(uint16_t port) {
-  std::atomic<bool> over{false};
-  std::thread knocker([&] {
-    while (!over) {
-      if (StopAll()) {
-        (void)RawPeer::TryConnect(port);
-      }
-      std::this_thread::sleep_for(milliseconds(2));
-    }
-  });
-  EXPECT_EQ(TQShutdown(), TQ_ERR_OK);
-  over = true;
-  knocker.join();
-}
-
 Lines LinesOf(const LogRecorder& log) {
   Lines lines;
   for (const LogLine& line : log.Lines()) {
@@ -1005,6 +989,29 @@ TEST(Shutdown, DuringAHandshakeLeavesNoSessionInTheRegistry) {
   shutdown.join();
   EXPECT_EQ(host.Log().CountOf("Global shutdown: \"" + PEER + "\" stopped"), 1u);
   EXPECT_TRUE(host.WaitForSendingEnd(PEER));
+}
+
+TEST(Shutdown, JoinsTheReceivingThreadOfASessionWhoseSendingThreadSawTheStopFirst) {
+  ListenerRecorder listeners;
+  SessionHost host;
+  RawPeer peer = host.Admit(PEER);
+  // A silent peer keeps the socket listener in its handshake, and the shutdown at the join of it.
+  auto silent = RawPeer::Connect(host.Port());
+  ASSERT_TRUE(silent);
+  ASSERT_TRUE(
+      host.Log().WaitForCount(TQ_LOG_INFO, "ConnectionThread. Starting new application", 2));
+  std::thread shutdown([&] { host.Shutdown(); });
+  ASSERT_TRUE(WaitUntil([] { return StopAll(); }));
+  // Something to send wakes the sending thread, which then ends and takes the name away.
+  EXPECT_EQ(TQNotify(PEER.c_str(), 7, {nullptr}, nullptr, nullptr), TQ_ERR_OK);
+  ASSERT_TRUE(host.WaitForSendingEnd(PEER));
+  EXPECT_EQ(g_applications.Size(), 0u);
+  EXPECT_EQ(host.Log().CountOfPrefix("Receiving thread finished for " + PEER), 0u);
+
+  shutdown.join();
+
+  EXPECT_EQ(host.Log().CountOfPrefix("Receiving thread finished for " + PEER), 1u);
+  EXPECT_EQ(listeners.Disconnects().size(), 1u);
 }
 
 TEST(Shutdown, WaitsForARunningSlot) {

@@ -89,6 +89,21 @@ bool Gate::Wait(std::chrono::milliseconds timeout) const {
   return opened.wait_for(guard, timeout, [this] { return open; });
 }
 
+void ShutdownWhileKnocking(uint16_t port) {
+  std::atomic<bool> over{false};
+  std::thread knocker([port, &over] {
+    while (!over) {
+      if (detail::StopAllRequested()) {
+        (void)RawPeer::TryConnect(port);
+      }
+      std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    }
+  });
+  EXPECT_EQ(TQShutdown(), TQ_ERR_OK);
+  over = true;
+  knocker.join();
+}
+
 // ---- SessionHost -------------------------------------------------------------------------------
 
 SessionHost::SessionHost(const Settings& settings) : port(FreePort()) {
@@ -115,22 +130,9 @@ SessionHost::~SessionHost() {
 }
 
 void SessionHost::Shutdown() {
-  if (!std::exchange(running, false)) {
-    return;
+  if (std::exchange(running, false)) {
+    ShutdownWhileKnocking(port);
   }
-  // The listener looks for a stop once its wait of more than a second is over, or somebody knocks.
-  std::atomic<bool> over{false};
-  std::thread knocker([this, &over] {
-    while (!over) {
-      if (detail::StopAllRequested()) {
-        (void)RawPeer::TryConnect(port);
-      }
-      std::this_thread::sleep_for(std::chrono::milliseconds(2));
-    }
-  });
-  TQShutdown();
-  over = true;
-  knocker.join();
 }
 
 RawPeer SessionHost::Admit(const std::string& name, int receiveBuffer) {

@@ -57,6 +57,10 @@ std::vector<std::string> SendingThreadLog(const LogRecorder& log, const std::str
 /// Waits until both threads of the session have logged their last lines.
 bool WaitForSessionEnd(const LogRecorder& log, const std::string& name);
 
+/// TQShutdown of a process that listens on `port`, without the wait of more than a second after
+/// which an idle listener looks for the stop.
+void ShutdownWhileKnocking(uint16_t port);
+
 /// The library in this process, initialised under the name "host" and listening.
 class SessionHost final {
  public:
