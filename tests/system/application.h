@@ -296,7 +296,11 @@ class LocalLibrary final {
 
   /// Shuts down. Whatever is left of it after that fails the running test.
   ~LocalLibrary() {
-    EXPECT_EQ(TQShutdown(), TQ_ERR_OK);
+    if (port != 0) {
+      ShutdownWhileKnocking(port);
+    } else {
+      EXPECT_EQ(TQShutdown(), TQ_ERR_OK);
+    }
     EXPECT_TRUE(SessionHost::WaitForSessions(0)) << DEBUG_TQObjectCount().sessions;
     EXPECT_TRUE(WaitUntil([] { return DEBUG_TQObjectCount().messages == 0; }));
   }
