@@ -43,9 +43,8 @@ void* operator new[](std::size_t size) { return operator new(size); }
 void* operator new[](std::size_t size, const std::nothrow_t&) noexcept {
   return CountedAllocation(size);
 }
-// Not inlined: a compiler that sees only the free takes it for a mismatch with new.
-[[gnu::noinline]] void operator delete(void* block) noexcept { Free(block); }
-[[gnu::noinline]] void operator delete(void* block, std::size_t) noexcept { Free(block); }
+void operator delete(void* block) noexcept { Free(block); }
+void operator delete(void* block, std::size_t) noexcept { Free(block); }
 void operator delete(void* block, const std::nothrow_t&) noexcept { Free(block); }
 void operator delete[](void* block) noexcept { Free(block); }
 void operator delete[](void* block, std::size_t) noexcept { Free(block); }
