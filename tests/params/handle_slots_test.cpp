@@ -1,7 +1,10 @@
 #include "params/handle_slots.h"
 
 #include "params/list_store.h"
+#include "support/child_process.h"
+#include "support/host_conditions.h"
 #include "support/param_lists.h"
+#include "support/process_info.h"
 
 #include <tq/tq.h>
 
@@ -184,6 +187,44 @@ TEST(HandleSlots, MadeEmptyCanBeDroppedAndPushedTo) {
   EXPECT_TRUE(slots[2]);
   slots.Clear();
   EXPECT_EQ(ListsAlive(), 0u);
+}
+
+TEST(HandleSlots, ThatAreNeverFilledCostNoMemory) {
+  // 512 MiB, as a peer can announce them with four bytes.
+  constexpr uint32_t COUNT = 0x04000000;
+  HandleSlots slots;
+  ASSERT_TRUE(slots.MakeEmptySlots(COUNT));
+  EXPECT_EQ(slots.Size(), COUNT);
+  EXPECT_EQ(slots.Capacity(), COUNT);
+  const uint64_t before = ResidentBytes();
+  ASSERT_NE(before, 0u);
+  slots.Fill(0, FastHolderImpl::Create());
+  slots.Clear();
+  EXPECT_LT(ResidentBytes(), before + (uint64_t{64} << 20));
+  EXPECT_EQ(ListsAlive(), 0u);
+}
+
+TQ_TEST_ROLE(makeSlotsWithoutMemory) {
+  if (!LimitAddressSpace(uint64_t{512} << 20)) {
+    Say("not limited");
+    return 0;
+  }
+  HandleSlots slots;
+  slots.Push(FastHolderImpl::Create());
+  const FastHolderImpl* const list = slots[0].Get();
+  const bool made = slots.MakeEmptySlots(0x20000000);
+  const bool unchanged = slots.Size() == 1 && slots.Capacity() == 1 && slots[0].Get() == list;
+  Say(std::string(made ? "made" : "refused") + (unchanged ? ", unchanged" : ", changed"));
+  return 0;
+}
+
+TEST(HandleSlots, AreRefusedWhenTheirMemoryCannotBeHad) {
+  ChildProcess child("makeSlotsWithoutMemory");
+  const auto line = child.ReadLine();
+  ASSERT_TRUE(line);
+  // A sanitizer's process cannot be limited.
+  EXPECT_TRUE(*line == "refused, unchanged" || *line == "not limited") << *line;
+  EXPECT_TRUE(child.ExpectSuccess());
 }
 
 TEST(HandleSlots, SwapTheirContents) {
