@@ -208,8 +208,8 @@ TQ_API _tag_TQ_ERROR TQConnect(const char* host, int32_t port, char* nameOut, ui
 ///
 /// @param applicationName  full name; a name without session is no error. Not null.
 /// @return TQ_ERR_OK, always.
-/// Throws std::system_error if the join fails. Of two threads that disconnect the same session at the
-/// same moment the second waits for the first; let one thread do it.
+/// Throws std::system_error if the join fails. Of two threads that disconnect the same session at
+/// the same moment the second waits for the first; let one thread do it.
 ///
 /// Blocks until the receiving thread has ended: briefly if it waits for a frame, up to
 /// IO_TIMEOUT_MS for each read in the middle of one, and as long as a callback on that thread runs.
