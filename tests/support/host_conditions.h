@@ -75,4 +75,7 @@ struct SignalState {
 /// cannot be done: a sanitizer's own tables need more address space than any limit allows.
 inline bool LimitAddressSpace(uint64_t bytes) { return platform::LimitAddressSpace(bytes); }
 
+/// Lets the first thread of this process have no more than `bytes` of stack from now on. For roles.
+inline bool LimitStack(uint64_t bytes) { return platform::LimitStack(bytes); }
+
 }  // namespace TQ::test

@@ -155,6 +155,7 @@ std::vector<Handle> OccupyDescriptors(int highest);
 void ReleaseDescriptors(const std::vector<Handle>& held);
 
 bool LimitAddressSpace(uint64_t bytes);
+bool LimitStack(uint64_t bytes);
 
 // ---- process information -----------------------------------------------------------------------
 

@@ -626,6 +626,16 @@ bool LimitAddressSpace([[maybe_unused]] uint64_t bytes) {
   return setrlimit(RLIMIT_AS, &limit) == 0;
 }
 
+// The first thread's stack grows as it is used, up to the limit of the moment.
+bool LimitStack(uint64_t bytes) {
+  rlimit limit{};
+  if (getrlimit(RLIMIT_STACK, &limit) != 0) {
+    return false;
+  }
+  limit.rlim_cur = static_cast<rlim_t>(bytes);
+  return setrlimit(RLIMIT_STACK, &limit) == 0;
+}
+
 // ---- process information -----------------------------------------------------------------------
 
 int64_t ProcessId() { return getpid(); }

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <tq/tq.h>
 
+#include <csignal>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -640,7 +641,7 @@ class BottomlessChannel final : public ITransportChannel {
     const Bytes level = Concat({RawList().HandleIndex("c", 0).Block(), U32(8), U32(1)});
     if (length != level.size()) return -1;
     std::copy(level.begin(), level.end(), static_cast<uint8_t*>(buffer));
-    if (++levels % 1000 == 0) Say("level " + std::to_string(levels));
+    if (++levels % 100 == 0) Say("level " + std::to_string(levels));
     return static_cast<int32_t>(length);
   }
   int32_t Receive(void* buffer, uint32_t length) override {
@@ -660,6 +661,9 @@ class BottomlessChannel final : public ITransportChannel {
 };
 
 TQ_TEST_ROLE(readBottomlessStream) {
+  // The end of the stack is to end this process, and no sanitizer's report of it is wanted.
+  std::signal(SIGSEGV, SIG_DFL);
+  EXPECT_TRUE(LimitStack(uint64_t{1} << 20));
   BottomlessChannel channel;
   const ListRef list = FastHolderImpl::Create();
   const int32_t result = ReadParamList(*list, channel, {8, 1}, nullptr);
@@ -678,7 +682,7 @@ TEST(ListStream, DepthIsLimitedByTheStackAlone) {
     EXPECT_NE(line.rfind("result ", 0), 0u) << line;
     if (line.rfind("level ", 0) == 0) ++levels;
   }
-  EXPECT_GE(levels, 5u) << "thousands of levels";
+  EXPECT_GE(levels, 10u) << "at least a thousand levels";
 }
 
 }  // namespace
