@@ -4,7 +4,6 @@
 #include <netinet/tcp.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -103,12 +102,10 @@ std::vector<platform::Handle> OpenSockets() {
   std::vector<platform::Handle> sockets;
   for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
     const int descriptor = std::atoi(entry.path().filename().c_str());
-    struct stat state {};
     sockaddr_in address{};
     socklen_t size = sizeof address;
-    // Sockets of another family, such as one to a log service, are none of ours.
-    if (fstat(descriptor, &state) == 0 && S_ISSOCK(state.st_mode) &&
-        getsockname(descriptor, reinterpret_cast<sockaddr*>(&address), &size) == 0 &&
+    // What is no socket has no such address, and sockets of another family are none of ours.
+    if (getsockname(descriptor, reinterpret_cast<sockaddr*>(&address), &size) == 0 &&
         address.sin_family == AF_INET) {
       sockets.push_back(descriptor);
     }
