@@ -308,7 +308,7 @@ TEST(MessageQueue, CanBeUsedAfterEverythingWasReleased) {
   EXPECT_EQ(PopAll(queue), Ids{3});
 }
 
-TEST(MessageQueue, LosesNoWakeUpBetweenAnEmptyLookAndTheSleep) {
+TEST(MessageQueue, WakesTheConsumerForEachOfManySingleMessages) {
   // One message at a time, so that the consumer goes to sleep before each of them.
   constexpr uint32_t ROUNDS = 20000;
   MessageQueue queue;
@@ -326,6 +326,40 @@ TEST(MessageQueue, LosesNoWakeUpBetweenAnEmptyLookAndTheSleep) {
   }
   consumer.join();
   EXPECT_EQ(lost, 0u);
+}
+
+TEST(MessageQueue, LosesNoWakeUpBetweenAnEmptyLookAndTheSleep) {
+  // Each message comes a little while after the consumer has begun to look for it, a different one
+  // each time, so that many come just before it falls asleep. It has no time limit that could cover
+  // a lost wake-up up.
+  constexpr uint32_t ROUNDS = 100000;
+  constexpr uint32_t MAX_DELAY = 512;
+  MessageQueue queue;
+  std::atomic<uint32_t> looking{0};
+  std::thread consumer([&] {
+    for (uint32_t round = 1; round <= ROUNDS; ++round) {
+      looking.store(round);
+      if (!queue.Pop(WAIT_FOREVER)) return;
+    }
+    looking.store(ROUNDS + 1);
+  });
+  const auto end = Clock::now() + milliseconds{LONG_WAIT_MS / 20};
+  uint32_t random = 1;
+  uint32_t round = 1;
+  bool lost = false;
+  for (; round <= ROUNDS && !lost && Clock::now() < end; ++round) {
+    while (looking.load() < round && !lost) {
+      lost = Clock::now() > end + DEFAULT_DEADLINE;
+    }
+    random = random * 1664525u + 1013904223u;
+    for (uint32_t delay = (random >> 16) % MAX_DELAY; delay > 0; --delay) {
+      std::atomic_signal_fence(std::memory_order_seq_cst);  // keeps the empty loop
+    }
+    queue.Push(TestMessage::Make(round));
+  }
+  EXPECT_TRUE(WaitUntil([&] { return looking.load() >= round; })) << "in round " << round;
+  queue.Wake(false);  // for a consumer that sleeps
+  consumer.join();
 }
 
 TEST(MessageQueue, LosesNoMessageWhenWakesComeInBetween) {

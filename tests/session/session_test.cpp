@@ -332,6 +332,32 @@ TEST_F(SessionStart, EntersAnAdmittedSessionBeforeItReturns) {
   EXPECT_TRUE(gate.WaitUntilReached());
 }
 
+TEST_F(SessionStart, DoesNotReturnBeforeTheEntryIsMade) {
+  auto* const channel = new ScriptedChannel();
+  const ChannelRef held(channel);
+  FeedConnector(*channel, PEER_NAME, PEER_NAME);
+  std::atomic<bool> locked{false};
+  std::atomic<bool> returned{false};
+  std::thread holder;
+  // From the last name on nobody gets at the registry, and so no entry can be made.
+  channel->Before("send 8", [&](const void*) {
+    if (channel->Writes().size() != 2) return;
+    holder = std::thread([&] {
+      const detail::LockScope registry(g_applications.applicationsLock);
+      locked = true;
+      EXPECT_FALSE(WaitUntil([&] { return returned.load(); }, milliseconds{200}));
+    });
+    EXPECT_TRUE(WaitUntil([&] { return locked.load(); }));
+  });
+  const auto session = NewSession();
+  EXPECT_TRUE(session->AcceptHandshake(held));
+  returned = true;
+  ASSERT_TRUE(holder.joinable());
+  holder.join();
+  EXPECT_EQ(g_applications.Find(PEER_NAME), session);
+  channel->HangUp();
+}
+
 TEST_F(SessionStart, DoesNotWaitForTheConnectListener) {
   std::atomic<bool> goOn{false};
   std::atomic<bool> done{false};
@@ -656,7 +682,7 @@ TEST_F(OneName, IsAdmittedAgainWhileTheStoppedSessionStillHasItsEntry) {
   EXPECT_EQ(TQDisconnect(PEER_NAME), TQ_ERR_OK);
   EXPECT_TRUE(newer.session->CheckValid());
   EXPECT_EQ(newer.session->StopRequested(), 0);
-  EXPECT_EQ(listeners.CountOf(CONNECT_CALL), 2u);
+  EXPECT_TRUE(WaitUntil([&] { return listeners.CountOf(CONNECT_CALL) == 2; }));
   EXPECT_EQ(listeners.CountOf(DISCONNECT_CALL), 1u);
 }
 
@@ -723,7 +749,7 @@ TEST_F(OneName, IsTakenOverByTheSecondOfTwoThatComeAtTheSameTime) {
     const auto reply = newer.peer->ReadFrame();
     ASSERT_TRUE(reply) << newer.peer->Problem();
     EXPECT_EQ(reply->id, 2u);
-    EXPECT_EQ(SessionsAlive(), 1u);
+    EXPECT_TRUE(WaitUntil([] { return SessionsAlive() == 1; }));
     newer.peer->Close();
   }
   ASSERT_TRUE(WaitUntil([] { return SessionsAlive() == 0; }));
