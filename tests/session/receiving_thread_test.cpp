@@ -332,6 +332,7 @@ TEST(ReceivingThread, LogsALocalShutdownWhenTheStopComesDuringABlockedRead) {
   SessionHost host;
   RawPeer peer = host.Admit(NAME);
   const std::string ends = Ends(NAME, peer);
+  SessionHost::SetIoTimeout(SHORT_READS);
   // The first 5 bytes of a head: the read waits for the other 11 for as long as the session lives.
   ASSERT_TRUE(peer.SendBytes(Prefix(RequestHead(1, RAW_CALL, 7, 0, 0), 5)));
   ASSERT_TRUE(WaitUntil([] { return DEBUG_TQObjectCount().readCalls > 0; }));
@@ -345,9 +346,10 @@ TEST(ReceivingThread, LogsALocalShutdownWhenTheStopComesDuringABlockedRead) {
 }
 
 TEST(ReceivingThread, WaitsInAHeadForAsLongAsTheSessionLives) {
-  SessionHost host;  // a read that may give up does so after 1.001 s
+  SessionHost host;
   ScopedSlot slot(7, [](const SlotCall&) {});
   RawPeer peer = host.Admit(NAME);
+  SessionHost::SetIoTimeout(SHORT_READS);
   const Bytes frame = RequestBytes(1, RAW_CALL, 7, RawList());
   ASSERT_TRUE(peer.SendBytes(Prefix(frame, 5)));
   EXPECT_TRUE(peer.StaysSilentFor(milliseconds{1500}));
@@ -359,6 +361,7 @@ TEST(ReceivingThread, GivesUpABodyThatDoesNotComeWithinTheReadLimit) {
   SessionHost host;
   RawPeer peer = host.Admit(NAME);
   const std::string ends = Ends(NAME, peer);
+  SessionHost::SetIoTimeout(SHORT_READS);
   ASSERT_TRUE(peer.SendBytes(Prefix(RequestBytes(1, RAW_CALL, 7, RawList().Int32("x", 1)), 22)));
   EXPECT_TRUE(peer.WaitClosed());
   EXPECT_EQ(host.ReceivingThreadLog(NAME),
@@ -600,11 +603,10 @@ TEST(ReceivingThread, LeavesTheChannelToTheSession) {
 }
 
 TEST(ReceivingThread, GoesOnReadingWhenTheSendingThreadHasEndedFirst) {
-  SessionHost::Settings settings;
-  settings.ioTimeoutMs = 100;  // a write that was held up for longer fails
-  SessionHost host(settings);
+  SessionHost host;
   ScopedSlot slot(7, [](const SlotCall&) {});
   RawPeer peer = host.Admit(NAME, SMALL_RECEIVE_BUFFER);
+  SessionHost::SetIoTimeout(SHORT_WRITES);
   const SessionRef session = FindSession(NAME);
   ScopedList big;
   big.Binary("b", Filled(MORE_THAN_BUFFERS, 1));

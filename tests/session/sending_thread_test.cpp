@@ -268,10 +268,9 @@ TEST(SendingThread, PassesOverFailedWritesOfRepliesAndNotifications) {
 }
 
 TEST(SendingThread, DropsANotificationThatCannotBeWrittenAndGoesOn) {
-  SessionHost::Settings settings;
-  settings.ioTimeoutMs = 100;  // a write that was held up for longer fails
-  SessionHost host(settings);
+  SessionHost host;
   RawPeer peer = host.Admit(NAME, SMALL_RECEIVE_BUFFER);
+  SessionHost::SetIoTimeout(SHORT_WRITES);
   HeldWrite held(NAME, peer);
   ASSERT_EQ(TQNotify(NAME.c_str(), 501, {nullptr}, nullptr, nullptr), TQ_ERR_OK);
   Bytes received;
@@ -492,7 +491,10 @@ TEST(SendingThread, TakesTheSessionOutOfTheRegistryBeforeItCancelsAnything) {
   RawPeer peer = host.Admit(NAME, SMALL_RECEIVE_BUFFER);
   HeldWrite held(NAME, peer);
   ASSERT_EQ(TQNotify(NAME.c_str(), 11, {nullptr}, done.Callback(), &done), TQ_ERR_OK);
-  TQDisconnect(NAME.c_str());
+  // The peer is lost, and nobody joins the receiving thread: the session stays valid.
+  peer.ShutdownWrite();
+  ASSERT_TRUE(host.WaitForReceivingEnd(NAME));
+  EXPECT_TRUE(FindSession(NAME).IsValid());
   ASSERT_TRUE(held.Finish()) << peer.Problem();
   EXPECT_TRUE(peer.WaitClosed());
   ASSERT_EQ(done.Count(), 1u);

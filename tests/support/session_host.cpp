@@ -47,6 +47,9 @@ std::thread::id ThreadOfLine(const LogRecorder& log, const std::string& text) {
   return line ? line->thread : std::thread::id();
 }
 
+// A zero leaves a limit as it is, and the block too is none.
+void Override(const _tag_TQLIMITS& record) { detail::limits.Override(record); }
+
 std::string ConnectedLine(const std::string& name) { return "Application connected:" + name; }
 std::string RemovingLine(const std::string& name) { return "Removing application " + name; }
 std::string ReceivingEnd(const std::string& name) {
@@ -106,12 +109,8 @@ void ShutdownWhileKnocking(uint16_t port) {
 
 // ---- SessionHost -------------------------------------------------------------------------------
 
-SessionHost::SessionHost(const Settings& settings) : port(FreePort()) {
-  _tag_TQLIMITS limits = {};
-  limits.size = sizeof limits;
-  limits.IO_TIMEOUT_MS = settings.ioTimeoutMs;
-  limits.MAX_READ_SIZE = settings.maxReadSize;
-  if (TQInitialize("host", port, &limits) != TQ_ERR_OK) {
+SessionHost::SessionHost() : port(FreePort()) {
+  if (TQInitialize("host", port, nullptr) != TQ_ERR_OK) {
     throw std::runtime_error("SessionHost: no initialisation");
   }
   running = true;
@@ -127,6 +126,18 @@ SessionHost::~SessionHost() {
   EXPECT_TRUE(WaitForSessions(0)) << log.Dump();
   EXPECT_TRUE(WaitUntil([] { return DEBUG_TQObjectCount().messages == 0; }))
       << DEBUG_TQObjectCount().messages << " messages are left";
+}
+
+void SessionHost::SetIoTimeout(uint32_t milliseconds) {
+  _tag_TQLIMITS record = {};
+  record.IO_TIMEOUT_MS = milliseconds;
+  Override(record);
+}
+
+void SessionHost::SetMaxReadSize(uint32_t bytes) {
+  _tag_TQLIMITS record = {};
+  record.MAX_READ_SIZE = bytes;
+  Override(record);
 }
 
 void SessionHost::Shutdown() {

@@ -64,14 +64,8 @@ void ShutdownWhileKnocking(uint16_t port);
 /// The library in this process, initialised under the name "host" and listening.
 class SessionHost final {
  public:
-  struct Settings {
-    uint32_t ioTimeoutMs = 2000;  ///< a read without a live session gives up after 1.001 s
-    uint32_t maxReadSize = 0;     ///< 0 leaves the library's default
-  };
-
   /// Throws std::runtime_error if the library does not start.
-  SessionHost() : SessionHost(Settings()) {}
-  explicit SessionHost(const Settings& settings);
+  SessionHost();
 
   /// Shuts the library down. Sessions or messages that are left after that fail the running test.
   ~SessionHost();
@@ -86,6 +80,11 @@ class SessionHost final {
   /// Connects with TQConnect to a listener of this name, whose end of the connection is returned.
   /// Throws std::runtime_error on failure.
   RawPeer ConnectOut(RawListener& listener, const std::string& name);
+
+  /// Limits, from now on. The defaults are those of the library, so that a machine that is busy
+  /// fails no handshake; a test in which a limit is to run out sets it when its peers are admitted.
+  static void SetIoTimeout(uint32_t milliseconds);
+  static void SetMaxReadSize(uint32_t bytes);
 
   uint16_t Port() const { return port; }
   LogRecorder& Log() { return log; }
@@ -283,6 +282,12 @@ class ScopedList final {
  private:
   _tag_HTQPARAMLIST handle;
 };
+
+/// An IO_TIMEOUT_MS with which a read that may give up does so after 1.001 s.
+constexpr uint32_t SHORT_READS = 2000;
+
+/// An IO_TIMEOUT_MS with which a write that is held up for longer fails.
+constexpr uint32_t SHORT_WRITES = 100;
 
 /// More bytes than the buffers between two ends of a connection hold, whatever their sizes.
 constexpr size_t MORE_THAN_BUFFERS = size_t{8} << 20;

@@ -200,6 +200,7 @@ TEST(HostilePeer, ThatClosesAnywhereInTheHandshakeIsRefused) {
 
 TEST(HostilePeer, ThatFallsSilentInTheHandshakeIsGivenUpWithoutHoldingUpSessions) {
   Neighbourhood town;
+  SessionHost::SetIoTimeout(SHORT_READS);
   for (const int steps : {0, 3, 4}) {
     LogRecorder& log = town.host.Log();
     log.Clear();
@@ -269,9 +270,10 @@ TEST(HostilePeer, MaySendFramesBeforeItHasReadTheEndOfTheHandshake) {
 }
 
 TEST(HostilePeer, ThatIsSilentAfterTheHandshakeIsLeftAlone) {
-  Neighbourhood town;  // a read that may give up does so after 1.001 s
+  Neighbourhood town;
   ScopedSlot slot(ECHO, &Echo);
   Attack attack(town);
+  SessionHost::SetIoTimeout(SHORT_READS);
   EXPECT_TRUE(attack.peer.StaysSilentFor(milliseconds{1500}));
   ASSERT_TRUE(attack.peer.SendRequest(1, RAW_CALL, ECHO));
   EXPECT_TRUE(attack.peer.ReadFrame()) << attack.peer.Problem();
@@ -331,6 +333,7 @@ TEST(HostilePeer, ThatStopsInTheMiddleOfABodyIsGivenUp) {
   const Bytes frame = RequestBytes(1, RAW_CALL, ECHO, NestedList());
   for (const size_t count : {size_t{16}, frame.size() - 1}) {
     Attack attack(town);
+    SessionHost::SetIoTimeout(SHORT_READS);
     ASSERT_TRUE(attack.peer.SendBytes(Prefix(frame, count)));
     town.ExpectUnharmed();
     attack.ExpectEnd({InfoLine("Receive failed: no data arrived in expected 2 seconds11,expected=" +
@@ -552,10 +555,9 @@ TEST(HostilePeer, ThatWrapsTheBlockSizeOfAReplyEndsItsSession) {
 }
 
 TEST(HostilePeer, ThatAnnouncesMoreThanTheReadLimitEndsItsSessionWithoutARead) {
-  SessionHost::Settings settings;
-  settings.maxReadSize = 4096;
   CompletionRecorder done;
-  Neighbourhood town(settings);
+  Neighbourhood town;
+  SessionHost::SetMaxReadSize(4096);
   ScopedSlot slot(ECHO, [](const SlotCall&) {});
   for (const auto& [size, count] : {std::pair{4097u, 0u},
                                     {4089u, 1u},

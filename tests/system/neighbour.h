@@ -78,10 +78,7 @@ TQ_TEST_ROLE(neighbour) {
 
 class Neighbourhood final {
  public:
-  Neighbourhood() : Neighbourhood(SessionHost::Settings()) {}
-
-  explicit Neighbourhood(const SessionHost::Settings& settings)
-      : host(settings), neighbour("neighbour", {std::to_string(host.Port())}) {
+  Neighbourhood() : neighbour("neighbour", {std::to_string(host.Port())}) {
     TQRegisterSlot(NEIGHBOUR_SERVICE, &AddOne, nullptr);
     EXPECT_TRUE(neighbour.ExpectLine("connected"));
     EXPECT_TRUE(host.Log().WaitForPrefix(TQ_LOG_INFO, "Application connected:"));

@@ -93,6 +93,10 @@ class Partner {
     hostName = line ? line->substr(13) : "";
     name = hostName.substr(0, hostName.find(':')) + ":0/" + shortName;
     EXPECT_TRUE(host.Log().WaitFor(TQ_LOG_INFO, "Application connected:" + name));
+    // The last line of the listener, after which only the session's threads have something to say.
+    EXPECT_TRUE(host.Log().WaitForCount(
+        TQ_LOG_INFO, "ConnectionThread. Initialization of new connection is completed.",
+        host.Log().CountOf("ConnectionThread. Accepting new connection")));
   }
 
   /// What the partner says about its own session's log.
@@ -407,6 +411,7 @@ TQ_TEST_ROLE(blockedCaller) {
   std::thread second(call, 3);
   EXPECT_TRUE(WaitForSessionEnd(log, name));
   second.join();
+  if (args.at(1) == "first returns") first.join();
   // The bad reply's entry is gone, the other two are cancelled and still there.
   Say("notification completed " + std::to_string(done.Count()) + " times");
   for (uint32_t id = 1; id <= 3; ++id) {
@@ -423,7 +428,8 @@ TQ_TEST_ROLE(blockedCaller) {
 /// Which of the three requests gets the bad reply: the notification's (1) or the first call (2).
 void ExpectLostRequest(uint32_t badId, const Bytes& reply, bool thenClose) {
   RawListener listener(FreePort());
-  ChildProcess caller("blockedCaller", {std::to_string(listener.Port())});
+  ChildProcess caller("blockedCaller", {std::to_string(listener.Port()),
+                                        badId == 1 ? "first returns" : "first stays blocked"});
   auto peer = listener.Accept();
   ASSERT_TRUE(peer);
   ASSERT_TRUE(peer->HandshakeAsAcceptor("raw.host:1/peer").Completed());
