@@ -8,6 +8,7 @@
 #include "session/application_registry.h"
 #include "session/session.h"
 #include "support/free_port.h"
+#include "support/scripted_handshake.h"
 #include "support/session_host.h"
 
 namespace TQ::test {
@@ -439,6 +440,42 @@ TEST(ReceivingThread, OfAShutdownLogsEitherTheGlobalOrTheLocalText) {
             1u)
       << host.Log().Dump();
   EXPECT_EQ(host.Log().CountOfPrefix("Remote disconnect: "), 0u);
+}
+
+TEST(ReceivingThread, LogsAGlobalShutdownWhenItsWaitFailsWhileTheLibraryStops) {
+  const LogRecorder log;
+  AdmittedSession peer(NAME);
+  ASSERT_TRUE(peer.admitted);
+  detail::stopAll = 1;
+  peer.channel->HangUp();
+  ASSERT_TRUE(WaitForSessionEnd(log, NAME));
+  EXPECT_EQ(ReceivingThreadLog(log, NAME),
+            (Lines{InfoLine("Application connected:raw.host:4711/peer"),
+                   InfoLine("Global shutdown: \"raw.host:4711/peer\" stopped"),
+                   InfoLine("Receiving thread finished for raw.host:4711/peer:"
+                            "script:local<->script:remote")}));
+}
+
+TEST(ReceivingThread, LogsNoAddressesWithoutAValidChannel) {
+  const LogRecorder log;
+  AdmittedSession peer(NAME);
+  ASSERT_TRUE(peer.admitted);
+  peer.channel->SetValid(false);
+  peer.channel->HangUp();
+  ASSERT_TRUE(WaitForSessionEnd(log, NAME));
+  EXPECT_EQ(log.CountOf("Receiving thread finished for raw.host:4711/peer:<->"), 1u);
+  EXPECT_EQ(log.CountOf("Sending thread finished for raw.host:4711/peer:<->"), 1u);
+}
+
+TEST(ReceivingThread, NoticesAStopOfTheLibraryThatNobodyWakesItFor) {
+  SessionHost host;
+  RawPeer peer = host.Admit(NAME);
+  // Both threads are in their waits, which take 5 seconds.
+  EXPECT_TRUE(peer.StaysSilentFor(milliseconds{50}));
+  detail::stopAll = 1;
+  ASSERT_TRUE(host.WaitForEnd(NAME));
+  EXPECT_EQ(host.Log().CountOf("Global shutdown: \"raw.host:4711/peer\" stopped"), 1u);
+  EXPECT_TRUE(peer.WaitClosed());
 }
 
 TEST(ReceivingThread, MayDisconnectItsOwnSessionFromACompletionCallback) {

@@ -78,9 +78,11 @@ TQ_TEST_ROLE(neighbour) {
 
 class Neighbourhood final {
  public:
-  Neighbourhood() : neighbour("neighbour", {std::to_string(host.Port())}) {
-    TQRegisterSlot(NEIGHBOUR_SERVICE, &AddOne, nullptr);
-    EXPECT_TRUE(neighbour.ExpectLine("connected"));
+  Neighbourhood() {
+    TQRegisterSlot(NEIGHBOUR_SERVICE, &AddOne, nullptr);  // before anyone calls it
+    neighbour = std::make_unique<ChildProcess>(
+        "neighbour", std::vector<std::string>{std::to_string(host.Port())});
+    EXPECT_TRUE(neighbour->ExpectLine("connected"));
     EXPECT_TRUE(host.Log().WaitForPrefix(TQ_LOG_INFO, "Application connected:"));
     const auto line = host.Log().FirstWithPrefix("Application connected:");
     neighbourName = line ? line->text.substr(line->text.find(':') + 1) : "";
@@ -92,8 +94,8 @@ class Neighbourhood final {
   /// What the peers of the test did has left nothing behind, and the neighbour has not noticed.
   ~Neighbourhood() {
     ExpectUnharmed();
-    neighbour.WriteLine("stop");
-    EXPECT_TRUE(neighbour.ExpectLine("stopped"));
+    neighbour->WriteLine("stop");
+    EXPECT_TRUE(neighbour->ExpectLine("stopped"));
     EXPECT_TRUE(SessionHost::WaitForSessions(1));
     EXPECT_TRUE(WaitUntil([] {
       const TQObjectCounts counts = DEBUG_TQObjectCount();
@@ -106,8 +108,8 @@ class Neighbourhood final {
         << ThreadCount() << " threads, " << threads << " before";
     EXPECT_EQ(host.Log().CountOfPrefix("Remote disconnect: \"" + neighbourName), 0u);
     TQUnregisterSlot(NEIGHBOUR_SERVICE);
-    neighbour.CloseInput();
-    EXPECT_TRUE(neighbour.ExpectSuccess());
+    neighbour->CloseInput();
+    EXPECT_TRUE(neighbour->ExpectSuccess());
   }
 
   Neighbourhood(const Neighbourhood&) = delete;
@@ -115,8 +117,8 @@ class Neighbourhood final {
 
   /// The neighbour's calls are served, and it can be called.
   void ExpectUnharmed() {
-    neighbour.WriteLine("report");
-    EXPECT_TRUE(neighbour.ExpectLine("fine"));
+    neighbour->WriteLine("report");
+    EXPECT_TRUE(neighbour->ExpectLine("fine"));
     EXPECT_TRUE(CallAddOne(neighbourName, NEIGHBOUR_SLOT, 6));
   }
 
@@ -124,7 +126,7 @@ class Neighbourhood final {
   std::string neighbourName;
 
  private:
-  ChildProcess neighbour;
+  std::unique_ptr<ChildProcess> neighbour;
   int descriptors = 0;
   int threads = 0;
 };
