@@ -37,11 +37,12 @@ std::atomic<TQLogCallback> g_logCallback{nullptr};
 // Settings.
 namespace {
 NeverDestroyed<LimitSettings> limitsStorage(DEFAULT_RECORD);
+NeverDestroyed<GuardedText> localApplicationNameStorage;
 }  // namespace
 LimitSettings defaultLimits(DEFAULT_RECORD);
 LimitSettings& limits = *limitsStorage;
 StopFlag stopAll{0};
-GuardedText localApplicationName;
+GuardedText& localApplicationName = *localApplicationNameStorage;
 std::atomic<TQConnectListener> g_connectListener{nullptr};
 std::atomic<TQDisconnectListener> g_disconnectListener{nullptr};
 std::atomic<TQAuthFailedListener> g_authFailedListener{nullptr};
@@ -54,12 +55,13 @@ CountedRef<MTObjects::ISyncEvent> socketListenerGate(new MTObjects::ISyncEvent()
 CountedRef<MTObjects::ISyncEvent> pipeListenerGate(new MTObjects::ISyncEvent());
 
 // Slot table, signal table, registry, dispatch queue, generator.
-SlotTable g_slots;
 namespace {
+NeverDestroyed<SlotTable> slotsStorage;
 NeverDestroyed<SignalTable> signalsStorage;
 NeverDestroyed<ApplicationRegistry> applicationsStorage;
 NeverDestroyed<MessageQueue> dispatchQueueStorage;
 }  // namespace
+SlotTable& g_slots = *slotsStorage;
 SignalTable& g_signals = *signalsStorage;
 ApplicationRegistry& g_applications = *applicationsStorage;
 MessageQueue& g_dispatchQueue = *dispatchQueueStorage;
@@ -68,11 +70,13 @@ RandomGenerator randomGenerator(std::random_device{}());
 namespace {
 
 /// Releases at library unload what is left in the objects that stay: messages that the dispatcher
-/// has left behind, uncompleted, and signals with their subscribers.
+/// has left behind, uncompleted, slots, signals with their subscribers, and the name.
 struct Leftovers {
   ~Leftovers() {
     g_dispatchQueue.ReleaseAll();
     g_signals.Clear();
+    g_slots.Clear();
+    localApplicationName.Set({});
   }
 } leftovers;
 

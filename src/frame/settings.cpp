@@ -70,9 +70,9 @@ std::string GuardedText::Copy() const {
   return value;
 }
 
-void GuardedText::Set(const std::string& text) {
+void GuardedText::Set(std::string text) {
   LockScope held(lock);
-  value = text;
+  value.swap(text);  // the memory of the old text goes with the argument
 }
 
 std::string ComposeApplicationName(const std::string& hostName, int32_t port, const char* name) {

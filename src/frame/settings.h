@@ -65,7 +65,7 @@ constexpr _tag_TQLIMITS DEFAULT_RECORD = {
 class GuardedText {
  public:
   std::string Copy() const;
-  void Set(const std::string& text);
+  void Set(std::string text);
 
  private:
   mutable Mutex lock;
@@ -85,7 +85,7 @@ extern StopFlag stopAll;
 inline bool StopAllRequested() { return stopAll.load(std::memory_order_relaxed) != 0; }
 
 /// This process's full application name; empty before the first initialisation.
-extern GuardedText localApplicationName;
+extern GuardedText& localApplicationName;
 
 /// "host:port/name", the form in which every application is addressed.
 std::string ComposeApplicationName(const std::string& hostName, int32_t port, const char* name);

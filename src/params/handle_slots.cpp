@@ -38,6 +38,7 @@ void HandleSlots::Push(Slot list) {
 bool HandleSlots::MakeEmptySlots(uint32_t count) {
   void* zeroed = AllocateZeroed(uint64_t{count} * sizeof(Slot));
   if (zeroed == nullptr) return false;
+  Clear();
   TQFree(slots);
   slots = static_cast<Slot*>(zeroed);
   size = capacity = count;

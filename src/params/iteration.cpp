@@ -46,6 +46,7 @@ _tag_TQ_ERROR TQRemoveValue(_tag_HTQPARAMLIST list, const char* name) {
 
 const _tag_TQPARAMINFO* TQRemoveParamByInfo(_tag_HTQPARAMLIST list, const _tag_TQPARAMINFO* info) {
   if (list.impl == nullptr || info == nullptr) return nullptr;
+  if (!list.impl->Holds(info)) return nullptr;  // another list's entry, or one that was removed
   list.impl->RequireTerminatedName(info);
   // Intended: a second entry of one name, which only a peer can send, is not the one that its name
   // finds, and stays.

@@ -46,10 +46,14 @@ ListRef FastHolderImpl::Create() { return ListRef(new FastHolderImpl()); }
 
 // --- the walk ------------------------------------------------------------------------------------
 
+bool FastHolderImpl::Holds(const _tag_TQPARAMINFO* entry) const {
+  return reinterpret_cast<uintptr_t>(entry) - reinterpret_cast<uintptr_t>(data) < size;
+}
+
 uint32_t FastHolderImpl::PositionOf(const _tag_TQPARAMINFO* entry) const {
-  const auto position = reinterpret_cast<uintptr_t>(entry) - reinterpret_cast<uintptr_t>(data);
-  if (position >= size) throw NoDataExeption();
-  return static_cast<uint32_t>(position);
+  if (!Holds(entry)) throw NoDataExeption();
+  return static_cast<uint32_t>(reinterpret_cast<uintptr_t>(entry) -
+                               reinterpret_cast<uintptr_t>(data));
 }
 
 const _tag_TQPARAMINFO* FastHolderImpl::EntryAt(uint32_t position) const {

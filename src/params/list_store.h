@@ -52,6 +52,9 @@ class FastHolderImpl final : public MTObjects::MTReferencedTypeBase, public TQMe
   /// The payload of `entry`'s value, of which `byteCount` bytes are known to be in the block.
   const uint8_t* Payload(const _tag_TQPARAMINFO* entry, uint32_t byteCount) const;
 
+  /// True when `entry` points into the block, at whatever stands there.
+  bool Holds(const _tag_TQPARAMINFO* entry) const;
+
   /// Throws NoDataExeption unless `entry`'s name ends inside the block.
   void RequireTerminatedName(const _tag_TQPARAMINFO* entry) const;
 

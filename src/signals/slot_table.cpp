@@ -14,6 +14,11 @@ bool SlotTable::Remove(uint32_t slotId) {
   return slots.erase(slotId) != 0;
 }
 
+void SlotTable::Clear() {
+  LockScope held(lock);
+  slots.clear();
+}
+
 bool SlotTable::Find(uint32_t slotId, SlotEntry* entry) {
   const auto found = slots.find(slotId);
   if (found == slots.end()) return false;

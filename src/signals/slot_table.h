@@ -29,12 +29,15 @@ class SlotTable {
   /// False when there is no such slot.
   bool Remove(uint32_t slotId);
 
+  /// Takes every slot away.
+  void Clear();
+
   bool Find(uint32_t slotId, SlotEntry* entry) TQ_REQUIRES(lock);
 
  private:
   std::map<uint32_t, SlotEntry> slots TQ_GUARDED_BY(lock);
 };
 
-extern SlotTable g_slots;
+extern SlotTable& g_slots;
 
 }  // namespace TQ::detail

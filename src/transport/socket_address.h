@@ -10,6 +10,7 @@
 
 #include <array>
 #include <cstdint>
+#include <ostream>
 #include <string>
 
 namespace TQ::detail {
@@ -30,6 +31,15 @@ uint16_t PortOf(const uint8_t* address);
 
 /// The dotted address alone.
 std::string HostTextOf(const uint8_t* address);
+
+/// HostTextOf for a log statement: nothing is rendered while the statement is off.
+struct HostText {
+  const uint8_t* address;
+
+  friend std::ostream& operator<<(std::ostream& stream, const HostText& host) {
+    return stream << HostTextOf(host.address);
+  }
+};
 
 /// "127.0.0.1:5000".
 std::string AddressTextOf(const uint8_t* address);

@@ -60,7 +60,7 @@ bool SocketListener::StartListening() {
   listening = Bind(address) && Listen(address);
   if (listening) {
     bindFailureReported = false;
-    Log(TQ_LOG_INFO, "listening for incoming connection on :", HostTextOf(address.data()), ":",
+    Log(TQ_LOG_INFO, "listening for incoming connection on :", HostText{address.data()}, ":",
         PortOf(address.data()));
     return true;
   }
@@ -76,7 +76,7 @@ bool SocketListener::Bind(const SocketAddressArea& address) {
   }
   if (!FirstFailure()) return false;
   if (FamilyOf(address.data()) == platform::ADDRESS_FAMILY_IPV4) {
-    Log(TQ_LOG_CRITICAL, "bind to:", HostTextOf(address.data()), ":", PortOf(address.data()),
+    Log(TQ_LOG_CRITICAL, "bind to:", HostText{address.data()}, ":", PortOf(address.data()),
         " FAILED. Try to reinitialize listener");
   } else {
     Log(TQ_LOG_CRITICAL, "Cannot create listening channel");
@@ -89,7 +89,7 @@ bool SocketListener::Listen(const SocketAddressArea& address) {
   if (!FirstFailure()) return false;
   if (FamilyOf(address.data()) == platform::ADDRESS_FAMILY_IPV4) {
     // Intended: no blank before the word, other than in the line about binding.
-    Log(TQ_LOG_CRITICAL, "listen to:", HostTextOf(address.data()), ":", PortOf(address.data()),
+    Log(TQ_LOG_CRITICAL, "listen to:", HostText{address.data()}, ":", PortOf(address.data()),
         "FAILED.");
   } else {
     Log(TQ_LOG_CRITICAL, "listen to FAILED on UNIX socket");
@@ -116,7 +116,7 @@ void SocketListener::AcceptOne() {
     Log(TQ_LOG_ERROR, "ConnectionThread. Failed to accept incoming connection.");
     return;
   }
-  Log(TQ_LOG_INFO, "ConnectionThread. Connection from: '", HostTextOf(peer.data()),
+  Log(TQ_LOG_INFO, "ConnectionThread. Connection from: '", HostText{peer.data()},
       "' has been accepted");
   if (OverLimit()) {
     platform::CloseSocket(socket);

@@ -509,7 +509,7 @@ TEST_P(InitializeOutOfThreads, RaisesTheSystemErrorAndCounts) {
   g_threadsLeft = GetParam();
   std::optional<std::error_code> raised;
   try {
-    (void)TQInitialize("app", 0, nullptr);
+    (void)TQInitialize("app", 4711, nullptr);
   } catch (const std::system_error& error) {
     raised = error.code();
   }
@@ -519,6 +519,9 @@ TEST_P(InitializeOutOfThreads, RaisesTheSystemErrorAndCounts) {
   EXPECT_EQ(detail::socketListenerThread.joinable(), GetParam() > 1);
   EXPECT_FALSE(detail::dispatcherThread.joinable());
   EXPECT_EQ(TQUnregisterSlot(0xFFFFFFFF), TQ_ERR_OK) << "registered before the threads";
+  const auto address = detail::connThreadInfo->ListenAddress();
+  EXPECT_EQ(detail::PortOf(address.data()), GetParam() == 2 ? 4711 : 0)
+      << "recorded behind the two listeners and before the dispatcher";
 
   // The lock was let go, and the call has counted.
   proceed.Open();

@@ -494,5 +494,16 @@ TEST(HandleSlots, ThatWereNeverFilledAreLeftOutOfTheNewVector) {
   EXPECT_EQ(ListsAlive(), 1u);
 }
 
+TEST(HandleSlots, EmptySlotsReleaseWhatWasThere) {
+  const uint32_t before = ListsAlive();
+  HandleSlots slots;
+  slots.Push(FastHolderImpl::Create());
+  slots.Push(FastHolderImpl::Create());
+  ASSERT_TRUE(slots.MakeEmptySlots(1));
+  EXPECT_EQ(ListsAlive(), before);
+  EXPECT_EQ(slots.Size(), 1u);
+  EXPECT_FALSE(slots[0]);
+}
+
 }  // namespace
 }  // namespace TQ::test

@@ -199,5 +199,26 @@ TEST(Iteration, RemovalByEntryReleasesItsNestedLists) {
   EXPECT_EQ(ReadU32(reinterpret_cast<const uint8_t*>(next->Value()) + 1), 0u);
 }
 
+TEST(Iteration, RemovalByAnEntryOfAnotherListRemovesNothing) {
+  const OwnedList list = ListOf({"x"});
+  const OwnedList other = ListOf({"x"});
+  EXPECT_EQ(TQRemoveParamByInfo(list, TQGetFirstParam(other)), nullptr);
+  EXPECT_EQ(TQGetParamCount(list), 1u);
+  EXPECT_EQ(TQGetParamCount(other), 1u);
+}
+
+TEST(Iteration, RemovalByAnEntryThatWasRemovedRemovesNothing) {
+  const OwnedList list = ListOf({"a", "b"});
+  const _tag_TQPARAMINFO* last = TQParamByIndex(list, 1);
+  EXPECT_EQ(TQRemoveParamByInfo(list, last), nullptr);
+  EXPECT_EQ(TQGetParamCount(list), 1u);
+  EXPECT_EQ(TQRemoveParamByInfo(list, last), nullptr);
+  EXPECT_EQ(TQGetParamCount(list), 1u);
+
+  const _tag_TQPARAMINFO* first = TQGetFirstParam(list);
+  TQRemoveAllValues(list);
+  EXPECT_EQ(TQRemoveParamByInfo(list, first), nullptr);
+}
+
 }  // namespace
 }  // namespace TQ::test
