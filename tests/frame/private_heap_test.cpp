@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
@@ -71,7 +72,7 @@ TEST(PrivateHeap, ReallocationOfNullAllocates) {
 
 TEST(PrivateHeap, ReallocationKeepsTheContents) {
   auto* block = static_cast<uint8_t*>(TQAllocate(4));
-  std::memcpy(block, "abcd", 4);
+  std::copy_n("abcd", 4, block);
   block = static_cast<uint8_t*>(TQRealloc(block, 0x100000));
   ASSERT_NE(block, nullptr);
   EXPECT_EQ(std::memcmp(block, "abcd", 4), 0);
@@ -95,7 +96,7 @@ TEST(PrivateHeap, ReallocationToNoBytesFreesNothing) {
 
 TEST(PrivateHeap, AFailedReallocationLeavesTheBlockAsItWas) {
   auto* block = static_cast<uint8_t*>(TQAllocate(4));
-  std::memcpy(block, "abcd", 4);
+  std::copy_n("abcd", 4, block);
   EXPECT_EQ(TQRealloc(block, TOO_MUCH), nullptr);
   EXPECT_EQ(TQRealloc(block, 0xFFFFFFFFFFFFFFFF), nullptr);
   EXPECT_EQ(std::memcmp(block, "abcd", 4), 0);
@@ -121,7 +122,7 @@ TEST(PrivateHeap, IsSafeFromAllThreads) {
   std::vector<std::vector<uint8_t*>> made(4);
   for (size_t t = 0; t < made.size(); ++t) {
     threads.emplace_back([&mine = made[t], t] {
-      for (uint32_t i = 0; i < 1000; ++i) {
+      for (uint64_t i = 0; i < 1000; ++i) {
         const uint64_t size = 1 + (i * 37 + t) % 500;
         auto* block = static_cast<uint8_t*>(TQAllocate(size));
         std::memset(block, static_cast<int>(t), size);
