@@ -1245,27 +1245,27 @@ TEST_F(HandshakeOverSockets, AReadLimitBelowTheChallengeFailsTheConnectingSide) 
 }
 
 TEST_F(HandshakeOverSockets, ManyHandshakesRunAtATime) {
-  constexpr int COUNT = 8;
+  constexpr size_t COUNT = 8;
   std::vector<std::unique_ptr<AcceptingSocket>> accepting;
   std::vector<std::unique_ptr<ConnectingSocket>> connecting;
-  for (int i = 0; i < COUNT; ++i) {
+  for (size_t i = 0; i < COUNT; ++i) {
     accepting.push_back(std::make_unique<AcceptingSocket>());
     connecting.push_back(std::make_unique<ConnectingSocket>());
   }
-  for (int i = 0; i < COUNT; ++i) {
+  for (size_t i = 0; i < COUNT; ++i) {
     const std::string number = std::to_string(i);
     EXPECT_TRUE(accepting[i]->session.peer.HandshakeAsConnector("there:1/in" + number).Completed());
     EXPECT_TRUE(
         connecting[i]->session.peer.HandshakeAsAcceptor("there:1/out" + number).Completed());
   }
-  for (int i = 0; i < COUNT; ++i) {
+  for (size_t i = 0; i < COUNT; ++i) {
     accepting[i]->session.Join();
     connecting[i]->session.Join();
     EXPECT_TRUE(accepting[i]->admitted);
     EXPECT_EQ(connecting[i]->result, TQ_ERR_OK);
   }
-  EXPECT_EQ(g_applications.Size(), 2u * COUNT);
-  for (int i = 0; i < COUNT; ++i) {
+  EXPECT_EQ(g_applications.Size(), 2 * COUNT);
+  for (size_t i = 0; i < COUNT; ++i) {
     accepting[i]->session.peer.Close();
     connecting[i]->session.peer.Close();
   }
