@@ -483,6 +483,12 @@ TEST(Sockets, ClosedAndBrokenConnectionsCountAsReadable) {
   EXPECT_EQ(seam::WaitReadable(broken.Near(), seam::NO_SOCKET, LONG_WAIT).count, 1);
 }
 
+// A read of it does not wait: it fails.
+TEST(Sockets, UnconnectedSocketCountsAsReadable) {
+  const Socket made(seam::CreateStreamSocket());
+  EXPECT_EQ(seam::WaitReadable(made.handle, seam::NO_SOCKET, LONG_WAIT).count, 1);
+}
+
 TEST(Sockets, WaitingConnectionCountsAsReadable) {
   const uint16_t port = FreePort();
   const Socket listener(seam::CreateStreamSocket());

@@ -18,6 +18,7 @@
 #include <array>
 #include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <cstdint>
 #include <ctime>
 #include <functional>
@@ -42,6 +43,9 @@ struct Fault {
 
 inline std::array<Fault, static_cast<size_t>(SystemCall::COUNT)> g_faults;
 inline std::atomic<int> g_emptySends{0};
+inline std::mutex g_failureLock;
+inline std::vector<std::chrono::steady_clock::time_point>
+    g_failureTimes;  // guarded by g_failureLock
 inline std::mutex g_pollLock;
 inline std::vector<int64_t> g_pollLimits;  // guarded by g_pollLock
 inline std::function<void(int)> g_beforeConnect;
@@ -61,6 +65,10 @@ inline bool Fails(SystemCall call) {
   Fault& fault = FaultOf(call);
   if (TakeOne(fault.skipped) || !TakeOne(fault.count)) {
     return false;
+  }
+  {
+    const std::lock_guard guard(g_failureLock);
+    g_failureTimes.push_back(std::chrono::steady_clock::now());
   }
   fault.failed.fetch_add(1);
   errno = FAULT_CODE;
@@ -96,6 +104,12 @@ inline void FailCalls(SystemCall call, int count, int skipped = 0) {
 
 /// How many calls have failed by it.
 inline int FailedCalls(SystemCall call) { return faults::FaultOf(call).failed.load(); }
+
+/// When calls have failed by it, of whatever kind.
+inline std::vector<std::chrono::steady_clock::time_point> FailureTimes() {
+  const std::lock_guard guard(faults::g_failureLock);
+  return faults::g_failureTimes;
+}
 
 /// The next `count` sends take nothing.
 inline void SendNothing(int count) { faults::g_emptySends.store(count); }

@@ -9,8 +9,10 @@
 #include <optional>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
+#include "frame/settings.h"
 #include "support/free_port.h"
 #include "support/host_conditions.h"
 #include "support/listening_library.h"
@@ -345,6 +347,23 @@ TEST(SocketListener, ShutdownWaitsForAHandshakeThatIsUnderWay) {
   EXPECT_EQ(log.CountOf(FAILED), 1u);
   EXPECT_EQ(lines[lines.size() - 2], std::string("8 ") + ADMITTED);
   EXPECT_EQ(lines.back(), "8 ConnectionThread. Shutdown");
+}
+
+TEST(SocketListener, ConnectionThatComesAfterTheStopIsNotAccepted) {
+  LogRecorder log;
+  std::optional<RawPeer> late;
+  {
+    std::optional<ListeningLibrary> library(std::in_place);
+    const uint16_t port = library->Port();
+    std::thread stopper([&] { library.reset(); });
+    EXPECT_TRUE(WaitUntil([] { return detail::StopAllRequested(); }));
+    late = RawPeer::TryConnect(port);
+    stopper.join();
+  }
+  EXPECT_EQ(log.CountOfPrefix("ConnectionThread. Accepting"), 0u) << log.Dump();
+  if (late) {
+    EXPECT_TRUE(late->WaitClosed());
+  }
 }
 
 TEST(SocketListener, KeepsNoReferenceToASession) {
