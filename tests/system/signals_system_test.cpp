@@ -53,6 +53,9 @@ class Emitter : public testing::Test {
     const bool listens = WaitUntil([&] { return RawPeer::TryConnect(library.Port()).has_value(); });
     ASSERT_TRUE(listens);
     application.Do("connect " + std::to_string(library.Port()), "connected " + library.Name());
+    // With the reply both know each other, and have told their listeners.
+    application.Do("call " + library.Name() + " " + std::to_string(UNKNOWN_SLOT_ID) + " 0",
+                   "called empty");
   }
 
   void Subscribe(Application& application, unsigned slotId) const {
