@@ -38,9 +38,12 @@ namespace {
 // How many threads can still be made; negative for any number.
 std::atomic<int> g_threadsLeft{-1};
 
+// No thread can be let go any more.
+std::atomic<bool> g_detachFails{false};
+
 }  // namespace
 
-// Stands before the system's own operation, so that a test can run out of threads at will.
+// These two stand before the system's own, so that a test can let them fail at will.
 extern "C" int pthread_create(pthread_t* thread, const pthread_attr_t* attributes,
                               void* (*body)(void*), void* argument) noexcept {
   using Create = int (*)(pthread_t*, const pthread_attr_t*, void* (*)(void*), void*);
@@ -48,6 +51,12 @@ extern "C" int pthread_create(pthread_t* thread, const pthread_attr_t* attribute
   if (g_threadsLeft == 0) return EAGAIN;
   if (g_threadsLeft > 0) --g_threadsLeft;
   return create(thread, attributes, body, argument);
+}
+
+extern "C" int pthread_detach(pthread_t thread) noexcept {
+  using Detach = int (*)(pthread_t);
+  static const auto detach = reinterpret_cast<Detach>(dlsym(RTLD_NEXT, "pthread_detach"));
+  return g_detachFails ? EINVAL : detach(thread);
 }
 
 namespace TQ::test {
@@ -865,6 +874,35 @@ TEST(SessionWithUnansweredRequests, IsNeverDestroyedAndKeepsItsConnection) {
   // Without the checks at an orderly end: the session, its request and its sending thread, which
   // has ended and will never be let go, are what a checker of leaks looks for.
   process.Kill();
+}
+
+// ---- a thread that cannot be let go ------------------------------------------------------------
+
+TQ_TEST_ROLE(dieWithoutDetaching) {
+  std::thread([] {}).join();
+  const int threadsBefore = ThreadCount();
+  auto session = NewSession();
+  session->CreateManagementThreads();
+  session->StartManagementThreads();
+  EXPECT_TRUE(WaitUntil([&] { return ThreadCount() == threadsBefore; }));
+  TQSetLogLevel(ALL_LOG_LEVELS, 0, [](uint32_t level, int32_t, const char* text) {
+    Say(std::to_string(level) + " " + text);
+  });
+  g_detachFails = true;
+  session.Reset();
+  Say("lives on");
+  return 0;
+}
+
+TEST(SessionThatCannotLetItsThreadsGo, SaysSoAndEndsTheProcess) {
+  ChildProcess process("dieWithoutDetaching", {}, ErrorOutput::MERGED);
+  EXPECT_TRUE(process.ExpectLine("8 Destroying TQAPPImpl::~TQAPPImpl():<->"));
+  EXPECT_TRUE(process.ExpectLine("4 Received thread is already detached(stopped)"));
+  EXPECT_TRUE(process.ExpectLine("4 Sending thread is already detached(stopped)"));
+  EXPECT_TRUE(process.ExpectLine("8 Destroyed TQAPPImpl::~TQAPPImpl():<->"));
+  const auto status = process.Wait();
+  ASSERT_TRUE(status);
+  EXPECT_TRUE(status->Aborted()) << *status;
 }
 
 // ---- no more threads ---------------------------------------------------------------------------
