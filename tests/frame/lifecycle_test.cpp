@@ -999,11 +999,10 @@ TEST(Shutdown, JoinsTheReceivingThreadOfASessionWhoseSendingThreadSawTheStopFirs
   ListenerRecorder listeners;
   SessionHost host;
   RawPeer peer = host.Admit(PEER);
-  // A silent peer keeps the socket listener in its handshake, and the shutdown at the join of it.
-  auto silent = RawPeer::Connect(host.Port());
-  ASSERT_TRUE(silent);
-  ASSERT_TRUE(
-      host.Log().WaitForCount(TQ_LOG_INFO, "ConnectionThread. Starting new application", 2));
+  // The socket listener stands on its way into a handshake, and the shutdown at the join of it.
+  LogGate serving("ConnectionThread. Starting new application");
+  ASSERT_TRUE(RawPeer::Connect(host.Port()));
+  ASSERT_TRUE(serving.WaitUntilReached());
   std::thread shutdown([&] { host.Shutdown(); });
   ASSERT_TRUE(WaitUntil([] { return StopAll(); }));
   // Something to send wakes the sending thread, which then ends and takes the name away.
@@ -1012,6 +1011,7 @@ TEST(Shutdown, JoinsTheReceivingThreadOfASessionWhoseSendingThreadSawTheStopFirs
   EXPECT_EQ(g_applications.Size(), 0u);
   EXPECT_EQ(host.Log().CountOfPrefix("Receiving thread finished for " + PEER), 0u);
 
+  serving.Open();
   shutdown.join();
 
   EXPECT_EQ(host.Log().CountOfPrefix("Receiving thread finished for " + PEER), 1u);
