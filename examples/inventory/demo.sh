@@ -66,7 +66,8 @@ trap 'exit 130' INT TERM
 # is too slow.
 wait_until_ready() {
   local deadline=$((SECONDS + READY_LIMIT_SECONDS))
-  until grep -q -- "$2" "$work/$1.out"; do
+  # The file is there only once the program has been started.
+  until grep -qs -- "$2" "$work/$1.out"; do
     alive "$1" && ((SECONDS < deadline)) || return 1
     sleep 0.05
   done

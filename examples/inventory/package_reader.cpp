@@ -182,7 +182,7 @@ Package PackageOf(const std::vector<Line>& stanza) {
 
 // One "name (relation version)". Returns an empty text or what is wrong.
 std::string ParseDependency(std::string_view text, Dependency& dependency) {
-  const std::string quoted = "\"" + std::string(text) + "\"";
+  const std::string quoted = std::string(1, '"').append(text).append(1, '"');
   const auto open = text.find('(');
   dependency.package = Trim(text.substr(0, open));
   if (dependency.package.empty() || dependency.package.find_first_of(" \t\n") != std::string::npos)
