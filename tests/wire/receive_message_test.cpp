@@ -297,7 +297,7 @@ class CallerOfReply : public testing::Test {
     if (!call) return "no call: " + peer->Problem();
     peer->SendBytes(Concat({ReplyHead(call->id, size, count), body}));
     peer->ShutdownWrite();
-    const std::string word = child.ReadLine().value_or("nothing");
+    std::string word = child.ReadLine().value_or("nothing");
     EXPECT_TRUE(child.ExpectSuccess());
     return word;
   }
