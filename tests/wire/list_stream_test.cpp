@@ -356,13 +356,37 @@ TEST(ListStream, WideTreesSurviveTheRoundTrip) {
   }
 }
 
-// The total is that of the block, so what was there before counts.
+// The total is that of the block, so what was there before counts. Its entry is counted again: the
+// reader adds the whole block's entries to what the list had.
 TEST(ListStream, ReaderAppendsToABlockThatIsThere) {
   const ListRef list = MakeList("a", 1);
   MemoryChannel channel(RawList().Int32("b", 2).Stream());
   EXPECT_EQ(ReadParamList(*list, channel, {8, 0}, nullptr), 16);
+  EXPECT_EQ(list->ParamCount(), 3u);
   EXPECT_EQ(TQGetInt32Value(HandleOf(list), "a"), 1u);
   EXPECT_EQ(TQGetInt32Value(HandleOf(list), "b"), 2u);
+}
+
+// Nothing limits how many lists a list may hold; eight bytes announce an empty one.
+TEST(ListStream, TwoHundredThousandEmptyNestedListsAreRead) {
+  constexpr uint32_t COUNT = 200000;
+  const Bytes stream = Concat({RawList().HandleIndex("last", COUNT - 1).Block(), Bytes(8 * COUNT)});
+  const uint32_t before = DEBUG_TQObjectCount().paramLists;
+  {
+    const ReadResult read(stream, {12, COUNT});
+    EXPECT_EQ(read.total, static_cast<int32_t>(stream.size()));
+    EXPECT_EQ(read.channel.Remaining(), 0u);
+    ASSERT_EQ(read.list->Handles().Size(), COUNT);
+    EXPECT_EQ(DEBUG_TQObjectCount().paramLists, before + 1 + COUNT);
+    const ListRef last = NestedOf(read.list, "last");
+    ASSERT_TRUE(last);
+    EXPECT_EQ(last.Get(), read.list->Handles()[COUNT - 1].Get());
+    EXPECT_EQ(last->BlockSize(), 0u);
+    MemoryChannel channel;
+    EXPECT_EQ(WriteParamList(*read.list, channel, nullptr), read.total);
+    EXPECT_TRUE(channel.Written() == stream);
+  }
+  EXPECT_EQ(DEBUG_TQObjectCount().paramLists, before);
 }
 
 TEST(ListStream, NestedListsAreReferencedByTheirSlotsAlone) {
@@ -463,6 +487,47 @@ TEST(ListStream, DamageInAParentIsFoundBehindItsGoodNestedLists) {
   const ReadResult read(raw);
   EXPECT_EQ(read.total, -1);
   EXPECT_EQ(read.channel.Remaining(), 0u);
+}
+
+// What was read stays where it is: the nested lists in their slots, and behind the parent's block
+// the descriptor of the first of them, which is cut off only after the last.
+TEST(ListStream, DamageInANestedListLeavesWhatWasReadBeforeIt) {
+  const RawList good = RawList().Int32("x", 7).String("text", "whole");
+  const RawList damaged = RawList().Int32("y", 8).Entry("z", 6, U32(1));
+  const RawList raw = RawList().Handle("a", good).Handle("b", damaged);
+  const ReadResult read(raw);
+  EXPECT_EQ(read.total, -1);
+
+  EXPECT_EQ(ToHex(BlockOf(*read.list)),
+            ToHex(Concat({raw.Block(), U32(good.BlockSize()), U32(good.HandleCount())})));
+  EXPECT_EQ(read.list->ParamCount(), 0u) << "nobody has counted the parent's entries";
+  ASSERT_EQ(read.list->Handles().Size(), 2u);
+  ASSERT_TRUE(read.list->Handles()[0] && read.list->Handles()[1]);
+
+  ExpectEqual(*read.list->Handles()[0], good);
+  const ListRef first = NestedOf(read.list, "a");
+  EXPECT_EQ(first.Get(), read.list->Handles()[0].Get());
+  EXPECT_EQ(TQGetParamCount(HandleOf(first)), 2u);
+  EXPECT_EQ(TQGetInt32Value(HandleOf(first), "x"), 7u);
+  EXPECT_STREQ(TQGetStringValue(HandleOf(first), "text"), "whole");
+
+  ExpectEqual(*read.list->Handles()[1], damaged);
+}
+
+TEST(ListStream, LostChannelLeavesTheListThatItWasReadingAndEmptySlotsBehindIt) {
+  const RawList child = RawList().Int32("x", 7);
+  const RawList raw = RawList().Child(child).Child(child).Child(child);
+  MemoryChannel channel(raw.Stream());
+  channel.FailOperation(3);  // the parent, the first child, the second
+  const ListRef list = FastHolderImpl::Create();
+  EXPECT_EQ(ReadParamList(*list, channel, DescriptorOfRaw(raw), nullptr), -1);
+  EXPECT_EQ(ToHex(BlockOf(*list)), ToHex(Concat({U32(child.BlockSize()), U32(0)})));
+  ASSERT_EQ(list->Handles().Size(), 3u);
+  ASSERT_TRUE(list->Handles()[0] && list->Handles()[1]);
+  ExpectEqual(*list->Handles()[0], child);
+  EXPECT_EQ(list->Handles()[0]->ParamCount(), 1u);
+  EXPECT_EQ(list->Handles()[1]->BlockSize(), 0u);
+  EXPECT_FALSE(list->Handles()[2]);
 }
 
 TEST(ListStream, StreamCutAtAnyByteIsNotRead) {
@@ -633,7 +698,8 @@ TEST(ListStream, AThousandLevelsAreReadAndWritten) {
   EXPECT_TRUE(channel.Written() == stream);
 }
 
-// Gives out nested lists for ever.
+// Gives out nested lists for ever, each in one read with the descriptor of the next, and takes as
+// many, each in two writes.
 class BottomlessChannel final : public ITransportChannel {
  public:
   bool CheckValid() const override { return true; }
@@ -648,6 +714,7 @@ class BottomlessChannel final : public ITransportChannel {
     return Receive(buffer, length, nullptr);
   }
   int32_t Send(const void* /*buffer*/, uint32_t length) override {
+    if (++writes % 200 == 0) Say("level " + std::to_string(writes / 2));
     return static_cast<int32_t>(length);
   }
   std::string GetRemoteAddress() const override { return ""; }
@@ -658,12 +725,30 @@ class BottomlessChannel final : public ITransportChannel {
 
  private:
   uint32_t levels = 0;
+  uint32_t writes = 0;
 };
 
-TQ_TEST_ROLE(readBottomlessStream) {
-  // The end of the stack is to end this process, and no sanitizer's report of it is wanted.
+// The end of the stack is to end this process, and no sanitizer's report of it is wanted.
+void LetASmallStackEndTheProcess() {
   std::signal(SIGSEGV, SIG_DFL);
   EXPECT_TRUE(LimitStack(uint64_t{512} << 10));
+}
+
+// The role's process went down the levels, and came to its end before it came back with a result.
+void ExpectTheStackToEndIt(ChildProcess& child) {
+  const auto status = child.Wait(std::chrono::milliseconds{40000});
+  ASSERT_TRUE(status);
+  EXPECT_FALSE(status->Succeeded()) << *status;
+  uint32_t levels = 0;
+  for (const std::string& line : child.ReadRemainingLines()) {
+    EXPECT_NE(line.rfind("result ", 0), 0u) << line;
+    if (line.rfind("level ", 0) == 0) ++levels;
+  }
+  EXPECT_GE(levels, 5u) << "at least five hundred levels";
+}
+
+TQ_TEST_ROLE(readBottomlessStream) {
+  LetASmallStackEndTheProcess();
   BottomlessChannel channel;
   const ListRef list = FastHolderImpl::Create();
   const int32_t result = ReadParamList(*list, channel, {8, 1}, nullptr);
@@ -674,15 +759,23 @@ TQ_TEST_ROLE(readBottomlessStream) {
 // Required: nothing but the stack limits the depth, so a peer can end the process by it.
 TEST(ListStream, DepthIsLimitedByTheStackAlone) {
   ChildProcess child("readBottomlessStream", {}, ErrorOutput::MERGED);
-  const auto status = child.Wait(std::chrono::milliseconds{40000});
-  ASSERT_TRUE(status);
-  EXPECT_FALSE(status->Succeeded()) << *status;
-  uint32_t levels = 0;
-  for (const std::string& line : child.ReadRemainingLines()) {
-    EXPECT_NE(line.rfind("result ", 0), 0u) << line;
-    if (line.rfind("level ", 0) == 0) ++levels;
-  }
-  EXPECT_GE(levels, 5u) << "at least five hundred levels";
+  ExpectTheStackToEndIt(child);
+}
+
+TQ_TEST_ROLE(writeAListThatHoldsItself) {
+  LetASmallStackEndTheProcess();
+  BottomlessChannel channel;
+  const ListRef list = FastHolderImpl::Create();
+  Nest(list, "c", list);
+  const int32_t result = WriteParamList(*list, channel, nullptr);
+  Say("result " + std::to_string(result));
+  return 0;
+}
+
+// Required: a list may be stored in itself, nothing looks for that, and the writer never ends.
+TEST(ListStream, ListThatHoldsItselfIsWrittenUntilTheStackEnds) {
+  ChildProcess child("writeAListThatHoldsItself", {}, ErrorOutput::MERGED);
+  ExpectTheStackToEndIt(child);
 }
 
 }  // namespace
