@@ -422,6 +422,27 @@ TEST(Initialize, MayBeCalledAgainWhileItLogs) {
   EXPECT_TRUE(StopAll());
 }
 
+TEST(Initialize, LogsItsArgumentsBeforeItWaitsForAnother) {
+  g_hostName = "machine";
+  const std::string arguments = "Initializing with: host=127.0.0.1 port=4711";
+  LogRecorder log;
+  LogGate holdsTheLock("Application=machine:0/first");
+  std::thread first([] { EXPECT_EQ(TQInitialize("first", 0, nullptr), TQ_ERR_OK); });
+  ASSERT_TRUE(holdsTheLock.WaitUntilReached());
+  std::thread second(
+      [] { EXPECT_EQ(TQInitialize("second", 4711, nullptr), TQ_ERR_NAME_REJECTED); });
+  EXPECT_TRUE(log.WaitFor(TQ_LOG_INFO, arguments));
+  EXPECT_EQ(ApplicationName(), "") << "the first still stands at its line, with the lock";
+  EXPECT_EQ(log.CountOf("Application=machine:4711/second"), 0u);
+  holdsTheLock.Open();
+  first.join();
+  second.join();
+  EXPECT_EQ(log.CountOf(arguments), 1u);
+  EXPECT_EQ(log.CountOf("Application=machine:4711/second"), 1u);
+  TQShutdown();
+  TQShutdown();
+}
+
 // ---- what can go wrong -------------------------------------------------------------------------
 
 // Runs TQShutdown and gives the code of the system error that it raises, if it does.
@@ -1063,6 +1084,21 @@ TEST(Shutdown, ResetsNothingElse) {
   EXPECT_EQ(TQUnregisterSignal("ticks"), TQ_ERR_OK);
 }
 
+TEST(SecondLife, KeepsThePipeNameOfTheFirstUnlessItBringsItsOwn) {
+  EXPECT_EQ(TQInitializeEx("\\orders", "app", 0, nullptr), TQ_ERR_OK);
+  TQShutdown();
+  EXPECT_EQ(TQInitialize("app", 0, nullptr), TQ_ERR_OK);
+  EXPECT_EQ(connPipeThreadInfo->pipeName.Copy(), "orders") << "in a life without any listener";
+  TQShutdown();
+  const uint16_t port = FreePort();
+  EXPECT_EQ(TQInitialize("app", port, nullptr), TQ_ERR_OK);
+  EXPECT_EQ(connPipeThreadInfo->pipeName.Copy(), "orders") << "in a life with a socket listener";
+  ShutdownWhileKnocking(port);
+  EXPECT_EQ(TQInitializeEx("\\stock", "app", 0, nullptr), TQ_ERR_OK);
+  EXPECT_EQ(connPipeThreadInfo->pipeName.Copy(), "stock");
+  TQShutdown();
+}
+
 TEST(SecondLife, ServesSessionsLikeTheFirst) {
   LogRecorder log;
   for (int life = 1; life <= 3; ++life) {
@@ -1143,7 +1179,9 @@ TEST(Shutdown, LeavesTheSettersAndTheGatesToOthersMeanwhile) {
     EXPECT_EQ(TQInitialize("later", 0, nullptr), TQ_ERR_OK);
     initialized.Open();
   });
+  EXPECT_TRUE(host.Log().WaitFor(TQ_LOG_INFO, "Initializing with: host=127.0.0.1 port=0"));
   EXPECT_FALSE(initialized.Wait(milliseconds(150)));
+  EXPECT_EQ(host.Log().CountOfPrefix("Application="), 1u) << "the line before needs no lock";
   mayReturn.Open();
   EXPECT_TRUE(initialized.Wait());
   shutdown.join();
