@@ -267,7 +267,7 @@ TEST(SystemErrors, OfAThreadThatWouldJoinItselfReachTheHost) {
   const uint16_t port = FreePort();
   // A slot that shuts down takes the lock of the slots before the one of initialisation, which
   // takes them the other way round. A deadlock detector is right to report that.
-  setenv("TSAN_OPTIONS", "detect_deadlocks=0", 1);
+  setenv("TSAN_OPTIONS", "detect_deadlocks=0", 1);  // NOLINT(concurrency-mt-unsafe): one thread yet
   ChildProcess child("shutdownInASlotOfTheSharedLibrary", {std::to_string(port)},
                      ErrorOutput::MERGED);
   auto peer = RawPeer::Connect(port);

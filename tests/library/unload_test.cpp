@@ -36,11 +36,16 @@ bool IsMapped() {
   return false;
 }
 
+[[noreturn]] void Throw() {
+  // NOLINTNEXTLINE(concurrency-mt-unsafe): the last error is kept for each thread
+  throw std::runtime_error(dlerror());
+}
+
 /// The library, loaded while the object lives or until Unload.
 class LoadedLibrary final {
  public:
   LoadedLibrary() : handle(dlopen(TQ_LIBRARY_FILE, RTLD_NOW | RTLD_LOCAL)) {
-    if (handle == nullptr) throw std::runtime_error(dlerror());
+    if (handle == nullptr) Throw();
   }
   ~LoadedLibrary() { Unload(); }
   LoadedLibrary(const LoadedLibrary&) = delete;
@@ -50,7 +55,7 @@ class LoadedLibrary final {
   template <typename Result, typename... Arguments>
   Result Call(const char* name, Arguments... arguments) const {
     const auto function = reinterpret_cast<Result (*)(Arguments...)>(dlsym(handle, name));
-    if (function == nullptr) throw std::runtime_error(dlerror());
+    if (function == nullptr) Throw();
     return function(arguments...);
   }
 
