@@ -40,10 +40,13 @@
 ///
 /// Exceptions. A function that walks over a damaged entry throws _tag_TQPARAMVALUE::DataDamaged
 /// (unknown type) or TQMemoryBufferTpl2<0>::NoDataExeption (the entry reaches beyond the block),
-/// and the list stays as it was. Lists that were received or built with legal names have no such
-/// entries. A store for which there is no memory, or that would bring a block to 4 GiB, throws
-/// std::bad_alloc; that list can then only be closed. A C host must be built so that an exception
-/// can pass through it, or else it ends the process.
+/// and the list stays as it was. Removing the damaged entry itself throws nothing if it only
+/// reaches beyond the block: its bytes stay and are found again, but it is counted out and its
+/// lists are gone. Lists that were received or built with legal names have no such entries. A store
+/// for which there is no memory, or that would bring a block to 4 GiB, throws std::bad_alloc; that
+/// list can then only be closed. Removing an array of lists needs memory too, and without it throws
+/// std::bad_alloc and changes nothing. A C host must be built so that an exception can pass through
+/// it, or else it ends the process.
 #pragma once
 
 #include <tq/export.h>

@@ -114,8 +114,8 @@ const uint8_t* FastHolderImpl::Payload(const _tag_TQPARAMINFO* entry, uint32_t b
 }
 
 void FastHolderImpl::RequireTerminatedName(const _tag_TQPARAMINFO* entry) const {
-  const uint32_t position = PositionOf(entry);
-  if (std::memchr(data + position, 0, size - position) == nullptr) throw NoDataExeption();
+  const uint64_t name = uint64_t{PositionOf(entry)} + NAME_OFFSET;
+  if (name >= size || std::memchr(data + name, 0, size - name) == nullptr) throw NoDataExeption();
 }
 
 void FastHolderImpl::RequireWalkable() const {
@@ -134,6 +134,8 @@ const _tag_TQPARAMINFO* FastHolderImpl::RemoveParam(const _tag_TQPARAMINFO* entr
   const uint32_t position = PositionOf(entry);
   const uint64_t length = EntryLength(position);
   ReleaseHandleSlots(position);  // needs the entry in its place
+  // Intended: of an entry that reaches beyond the block, which only a peer can send, the bytes stay
+  // and are found again. Its nested lists and its place in the count are gone all the same.
   if (position + length <= size) {
     const auto end = static_cast<uint32_t>(position + length);
     std::memmove(data + position, data + end, size - end);
@@ -174,7 +176,9 @@ void FastHolderImpl::ForEachHandleIndex(uint32_t exceptPosition, Change change) 
 
 void FastHolderImpl::ReleaseHandleSlots(uint32_t position) {
   const uint8_t* value = ValueAt(position);
-  if (*value == PT_PARAMHANDLE) ReleaseSingleSlot(LoadDword(At(position + data[position] + 1, 4)));
+  if (*value == PT_PARAMHANDLE) {
+    ReleaseSingleSlot(LoadDword(At(position + data[position] + TYPE_SIZE, DWORD_SIZE)));
+  }
   if (*value == ArrayOf(PT_PARAMHANDLE)) ReleaseArraySlots(position);
 }
 
@@ -191,21 +195,23 @@ void FastHolderImpl::ReleaseSingleSlot(uint32_t index) {
 }
 
 void FastHolderImpl::ReleaseArraySlots(uint32_t position) {
-  RequireWalkable();  // the array lies in the block, and no slot goes before all indices can change
+  // All that can fail comes first: the array lies in the block, every index can be changed, and the
+  // memory of the new vector is there.
+  RequireWalkable();
   const uint32_t payloadPosition = position + data[position] + TYPE_SIZE;
   const uint32_t count = LoadDword(At(payloadPosition, DWORD_SIZE));
+  std::vector<uint32_t, TQHeapAllocator<uint32_t>> remap(handles.Size(), 0);
+  constexpr uint32_t TAKEN_AWAY = NO_HANDLE_INDEX;
   for (uint32_t i = 0; i < count; ++i) {
     const uint32_t index = LoadDword(At(payloadPosition + DWORD_SIZE * (i + 1), DWORD_SIZE));
     // A peer may name a slot that is not there, or one slot twice.
-    if (index < handles.Size()) handles[index].Reset();
+    if (index < remap.size()) remap[index] = TAKEN_AWAY;
   }
-
-  std::vector<uint32_t, TQHeapAllocator<uint32_t>> remap(handles.Size(), 0);
   HandleSlots kept;
   for (uint32_t i = 0; i < handles.Size(); ++i) {
-    if (!handles[i].IsValid()) continue;
-    remap[i] = kept.Size();
-    kept.Push(handles[i]);
+    const bool stays = remap[i] != TAKEN_AWAY && handles[i].IsValid();
+    remap[i] = stays ? kept.Size() : 0;
+    if (stays) kept.Push(handles[i]);
   }
   handles.Swap(kept);
 

@@ -19,7 +19,8 @@
 /// alone is atomic. Pointers into the block are invalid after any store or removal. Errors: walking
 /// a damaged block throws DataDamaged (a type of no known code) or NoDataExeption (a step, text,
 /// count or table that would pass the end); the list then stays as it is. Exhaustion of the private
-/// heap throws std::bad_alloc.
+/// heap throws std::bad_alloc: a removal has changed nothing then, a store may have removed the old
+/// value and written a part of the new one.
 class FastHolderImpl final : public MTObjects::MTReferencedTypeBase, public TQMemoryBufferTpl2<0> {
  public:
   FastHolderImpl();
@@ -59,7 +60,9 @@ class FastHolderImpl final : public MTObjects::MTReferencedTypeBase, public TQMe
   void RequireTerminatedName(const _tag_TQPARAMINFO* entry) const;
 
   /// Takes `entry` out, with the nested lists that it names, and gives the entry that now stands in
-  /// its place, or null. A null entry removes nothing.
+  /// its place, or null. A null entry removes nothing. Intended: of a damaged entry that reaches
+  /// beyond the block the bytes stay in their place, so that it is the result itself; it is counted
+  /// out and has lost its nested lists, with no exception.
   const _tag_TQPARAMINFO* RemoveParam(const _tag_TQPARAMINFO* entry);
 
   /// Empties the list and keeps its memory.
@@ -69,7 +72,7 @@ class FastHolderImpl final : public MTObjects::MTReferencedTypeBase, public TQMe
   void CountParams();
 
   // A store removes the value of that name and appends the new one: the entry moves to the end of
-  // the block, and nothing is ever updated in place.
+  // the block. Intended: nothing is ever updated in place, whatever type and size it has.
   void BeginStore(const char* name, uint8_t type);
   void FinishStore() { ++paramCount; }
 
@@ -121,7 +124,9 @@ class FastHolderImpl final : public MTObjects::MTReferencedTypeBase, public TQMe
 
   // One thread's own while it changes the list, read by any number otherwise.
   uint32_t paramCount = 0;
-  FastHolderImpl* const owner = this;  ///< the list whose block the store operations append to
+  // The list whose block the store operations append to. Always this one; the pointer belongs to
+  // the kept layout of a list.
+  FastHolderImpl* const owner = this;
   TQ::detail::HandleSlots handles;
 };
 

@@ -11,6 +11,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
+#include <new>
 #include <string>
 #include <vector>
 
@@ -224,6 +225,41 @@ TEST(HandleSlots, AreRefusedWhenTheirMemoryCannotBeHad) {
   ASSERT_TRUE(line);
   // A sanitizer's process cannot be limited.
   EXPECT_TRUE(*line == "refused, unchanged" || *line == "not limited") << *line;
+  EXPECT_TRUE(child.ExpectSuccess());
+}
+
+TQ_TEST_ROLE(removeAnArrayWithoutMemory) {
+  if (!LimitAddressSpace(uint64_t{1} << 30)) {
+    Say("not limited");
+    return 0;
+  }
+  // The slots take 768 MiB. A new index for each of them would take half as much again.
+  constexpr uint32_t COUNT = 0x6000000;
+  const Bytes block = RawList().HandleIndexArray("x", {0}).HandleIndex("y", 1).Block();
+  const OwnedList list = ListOfBlock(block);
+  HandleSlots& handles = list.Impl().Handles();
+  if (!handles.MakeEmptySlots(COUNT)) return 1;
+  handles.Fill(0, FastHolderImpl::Create());
+  handles.Fill(1, FastHolderImpl::Create());
+  const FastHolderImpl* const first = handles[0].Get();
+  bool thrown = false;
+  try {
+    TQRemoveValue(list, "x");
+  } catch (const std::bad_alloc&) {
+    thrown = true;
+  }
+  const bool unchanged = handles.Size() == COUNT && handles[0].Get() == first &&
+                         handles[1].IsValid() && BlockOf(list) == block && ListsAlive() == 3;
+  Say(std::string(thrown ? "bad_alloc" : "removed") + (unchanged ? ", unchanged" : ", changed"));
+  return 0;
+}
+
+TEST(HandleSlots, StayAsTheyAreWhenThereIsNoMemoryToRemoveAnArray) {
+  ChildProcess child("removeAnArrayWithoutMemory");
+  const auto line = child.ReadLine();
+  ASSERT_TRUE(line);
+  // A sanitizer's process cannot be limited.
+  EXPECT_TRUE(*line == "bad_alloc, unchanged" || *line == "not limited") << *line;
   EXPECT_TRUE(child.ExpectSuccess());
 }
 

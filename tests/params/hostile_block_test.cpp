@@ -194,6 +194,15 @@ TEST(HostileBlock, ANameWithoutAnEndIsNotReadBeyondTheBlock) {
   EXPECT_EQ(TQParamInfo(list, "x"), nullptr);
 }
 
+TEST(HostileBlock, AnOffsetOfZeroIsNoEndOfTheNameBehindIt) {
+  // Behind the cut stand the bytes that would make the second entry's name that of the first.
+  const OwnedList list = ListOfBlock(FromHex("03 61 61 02 78 00 00 00  00 61 61 02 78 00 00 00"));
+  list.Impl().CutBlock(12);
+  const _tag_TQPARAMINFO* const second = TQGetNextParam(list, TQGetFirstParam(list));
+  ASSERT_NE(second, nullptr);
+  EXPECT_THROW(TQRemoveParamByInfo(list, second), NoData);
+}
+
 TEST(HostileBlock, ANameMayReachIntoTheValue) {
   const OwnedList list = ListOfBlock(FromHex("03 61 62 02 63 00 00 00"));
   const char* const name =
@@ -276,7 +285,7 @@ TEST(HostileBlock, AnEntryThatReachesBeyondTheEndIsNotCutOut) {
   const _tag_TQPARAMINFO* entry = TQParamInfo(list, "b");
   EXPECT_EQ(TQRemoveParamByInfo(list, entry), entry);
   EXPECT_EQ(BlockOf(list), block);
-  EXPECT_EQ(TQGetParamCount(list), 1u);
+  EXPECT_EQ(TQGetParamCount(list), 1u);  // counted out, though the bytes are still found
 
   // A store appends behind it; the first of the name is still the one that is found.
   EXPECT_EQ(TQSetInt32Value(list, "b", 7), TQ_ERR_OK);
