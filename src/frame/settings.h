@@ -31,9 +31,9 @@ class LimitSettings {
   /// Starts from the values of `record`.
   explicit LimitSettings(const _tag_TQLIMITS& record);
 
-  uint32_t MaxConnections() const { return Load(0); }
-  uint32_t MaxReadSize() const { return Load(2); }
-  uint32_t IoTimeoutMs() const { return Load(7); }
+  uint32_t MaxConnections() const { return Load(MAX_CONNECTIONS); }
+  uint32_t MaxReadSize() const { return Load(MAX_READ_SIZE); }
+  uint32_t IoTimeoutMs() const { return Load(IO_TIMEOUT_MS); }
 
   AuthBlock CopyAuthBlock() const;
   void SetAuthBlock(const AuthBlock& block);
@@ -48,7 +48,11 @@ class LimitSettings {
   _tag_TQLIMITS Snapshot() const;
 
  private:
-  uint32_t Load(uint32_t index) const { return words[index].load(std::memory_order_relaxed); }
+  /// The limits that have an effect, by their place among the eight. The others are kept and given
+  /// back.
+  enum Place : uint32_t { MAX_CONNECTIONS = 0, MAX_READ_SIZE = 2, IO_TIMEOUT_MS = 7 };
+
+  uint32_t Load(uint32_t place) const { return words[place].load(std::memory_order_relaxed); }
 
   // Atomic.
   std::array<std::atomic<uint32_t>, LIMIT_COUNT> words;

@@ -16,4 +16,3 @@
 #define TQ_REQUIRES(...) TQ_THREAD_ATTRIBUTE(requires_capability(__VA_ARGS__))
 #define TQ_ACQUIRE(...) TQ_THREAD_ATTRIBUTE(acquire_capability(__VA_ARGS__))
 #define TQ_RELEASE(...) TQ_THREAD_ATTRIBUTE(release_capability(__VA_ARGS__))
-#define TQ_NO_THREAD_SAFETY_ANALYSIS TQ_THREAD_ATTRIBUTE(no_thread_safety_analysis)

@@ -60,7 +60,8 @@ class MessageQueue {
 
   bool wakeRequested TQ_GUARDED_BY(lock) = false;
 
-  // Written under `lock`, read by producers without it. No caller of Wake ever closes a queue.
+  // Written under `lock`, read by producers without it. No caller of Wake closes a queue today;
+  // that it can be closed is part of the queue's contract, and producers reckon with it.
   std::atomic<bool> closed{false};
 };
 

@@ -60,6 +60,7 @@ class TQAPPImpl final : public MTObjects::MTReferencedTypeBase {
   bool CreateManagementThreads();
 
   /// Lets both threads go and waits until they have got past their start; the receiving one first.
+  /// True, always.
   bool StartManagementThreads();
 
   const std::string& Name() const { return name; }
@@ -135,7 +136,8 @@ class TQAPPImpl final : public MTObjects::MTReferencedTypeBase {
   StopFlag stopRequested{0};
   std::atomic<uint8_t> authenticated{0};
 
-  // As `name`.
+  // As `name`. Two pieces of it, which belong to the kept layout of a session; who needs the pieces
+  // takes the name apart anew.
   std::string peerHost;
   std::string peerApplication;
   std::string remoteAddress;

@@ -13,7 +13,8 @@ int ServeConnectSignal(_tag_HTQPARAMLIST params, _tag_HTQPARAMLIST result,
 int ServeDisconnectSignal(_tag_HTQPARAMLIST params, _tag_HTQPARAMLIST result,
                           const TQSlotCallInfo* info);
 
-/// Puts both into the slot table, with the signal table as their context.
+/// Puts both into the slot table, with the signal table as their context, which they do not look
+/// at.
 void RegisterInternalSlots();
 
 }  // namespace TQ::detail

@@ -38,7 +38,9 @@ constexpr uint32_t DESCRIPTOR_HANDLE_COUNT = 4;
 constexpr uint32_t CONNECT_SIGNAL_SLOT = 0xFFFFFFFF;
 constexpr uint32_t DISCONNECT_SIGNAL_SLOT = 0xFFFFFFFE;
 
-/// The slot id of an inbound request whose head has not been parsed yet.
+/// The slot id of an inbound request whose head has not been parsed yet. It is the number of
+/// CONNECT_SIGNAL_SLOT, and means no such call: a message whose head cannot be read is never
+/// dispatched.
 constexpr uint32_t UNKNOWN_SLOT = 0xFFFFFFFF;
 
 }  // namespace TQ::detail

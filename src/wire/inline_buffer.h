@@ -10,8 +10,11 @@
 
 /// A buffer with N bytes of inline storage, and a block on the private heap beyond that.
 ///
-/// One thread's own. It never shrinks. Reading or writing at or beyond `size` throws
-/// NoDataExeption, exhaustion of the heap std::bad_alloc.
+/// One thread's own. It never shrinks. Reading at or beyond `size` throws NoDataExeption,
+/// exhaustion of the heap std::bad_alloc.
+///
+/// Only AppendAligned moves `size`. What is written into reserved room without it can be read
+/// through Data, but does not survive the next growth, which takes `size` bytes along.
 template <unsigned N>
 class TQMemoryBufferTpl {
  public:

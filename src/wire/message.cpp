@@ -94,6 +94,7 @@ CountedRef<TQSlotCallMessage> TQSlotCallMessage::Inbound(SessionRef session, uin
 }
 
 int32_t TQSlotCallMessage::Serialize(uint32_t frameKind) {
+  // The dispatcher has done so already. A call that came in must in no case go back out as one.
   if (inbound && frameKind == MSG_CALL) {
     frameKind = MSG_REPLY;
     SetKind(MSG_REPLY);
