@@ -28,13 +28,20 @@
 ///
 /// Exceptions. Functions that start or join threads can throw std::system_error, and functions that
 /// need memory of the process heap std::bad_alloc. Both pass through to the caller. A C host must
-/// be built so that an exception can pass through it, or else it ends the process.
+/// be built so that an exception can pass through it, or else it ends the process. A thread of the
+/// library has no caller: where one of them runs into such an error, above all where the socket
+/// listener cannot make the two threads of a peer that it has accepted, the process ends.
 ///
 /// Unloading. A process that unloads the library, or ends, without having called its last
 /// TQShutdown is terminated (std::terminate). After TQShutdown the last sending threads still run
-/// for a moment. A host that unloads the library waits until `sessions` of DEBUG_TQObjectCount is 0
-/// and until no thread of the library is left in the process. Where a session ended with requests
-/// unanswered that count never falls to 0 again, and the library should stay loaded.
+/// for a moment: they complete requests as cancelled, and they log. A receiving thread may, too,
+/// with its disconnect listener, up to five seconds later, if its session was out of reach when the
+/// stop came: another session had taken its name over, or a call to it could not be written, or it
+/// was admitted in the middle of the stop. A host that unloads the library, or takes down what its
+/// callbacks use, waits until `sessions` of DEBUG_TQObjectCount is 0 and until no thread of the
+/// library is left in the process. That count never falls to 0 again where a session is kept: by
+/// requests that were unanswered at its end, or by messages that were left in a queue, as
+/// <tq/messaging.h> tells. The library should then stay loaded.
 #pragma once
 
 #include <tq/export.h>
@@ -114,7 +121,12 @@ TQ_API _tag_TQ_ERROR TQStartListeners(void* unused, const char* host, uint16_t p
 /// The last one stops the listeners, ends all sessions and joins their receiving threads, and then
 /// the dispatcher. Disconnect listeners run, and requests without a reply are cancelled; messages
 /// that wait to be sent are not sent any more. Registered slots and signals, listeners, limits and
-/// the authentication block stay. Sending threads may run for a moment longer.
+/// the authentication block stay. So do calls and notifications of peers that have been read and
+/// not been served: the dispatcher of a next life serves them.
+///
+/// Sending threads may run for a moment longer. Completion callbacks of cancelled requests and log
+/// lines can therefore come after the return, and from a session that was out of reach even its
+/// disconnect listener; "Unloading" above tells when, and how to wait for the last of them.
 ///
 /// @return TQ_ERR_OK, always, also if the count is 0 already.
 /// Throws std::system_error if the first initialisation had failed, since there is nothing to join.
@@ -148,7 +160,7 @@ TQ_API _tag_TQ_ERROR TQSetAuthenticationInfo(const uint8_t* data, int32_t length
 /// Sets who is told of admitted sessions; null for nobody.
 ///
 /// For this and the other three: TQ_ERR_OK, always. One callback for the process: the former one is
-/// replaced, may still be running, and must stay valid until TQShutdown has returned.
+/// replaced, may still be running, and must stay valid until no thread of the library is left.
 TQ_API _tag_TQ_ERROR TQSetConnectListener(TQConnectListener listener);
 
 /// Sets who is told of the end of sessions; null for nobody.
@@ -215,6 +227,15 @@ TQ_API _tag_TQ_ERROR TQConnect(const char* host, int32_t port, char* nameOut, ui
 /// IO_TIMEOUT_MS for each read in the middle of one, and as long as a callback on that thread runs.
 /// Called on that very thread, from one of its callbacks, it does not wait, and the session ends
 /// when the callback has returned. A slot callback may call it too.
+///
+/// Whoever calls it must not hold what a callback on that thread waits for, or both wait for good.
+/// So a process whose slots disconnect peers must not register or unregister slots in a completion
+/// callback or a connect or disconnect listener: they would wait for the slot, which waits for
+/// them. And no two sessions may be disconnected from each other's callbacks at the same moment.
+///
+/// A session that could not write a call is out of reach: it has lost its name, so this finds it no
+/// more, but goes on reading, and serving what the peer sends, until the peer closes or the library
+/// stops. Its replies are not sent, and with them it is kept to the end of the process.
 ///
 /// Connecting again at once is not safe. The peer refuses our name until it has noticed the end,
 /// and the old sending thread, when it takes the name away, would take it from the new session.

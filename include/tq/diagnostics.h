@@ -57,8 +57,8 @@ TQ_API void TQHandleUsageLog(void);
 ///
 /// Each count is right by itself, but they are read one after the other while others change. After
 /// TQShutdown `sessions` falls to 0 only when the last sending threads have ended, so poll for it.
-/// It does not fall to 0 in a process in which a session ended with requests unanswered: such a
-/// session is never freed (<tq/messaging.h>).
+/// It does not fall to 0 in a process in which a session ended with requests unanswered, or with
+/// messages left in a queue: such a session is kept (<tq/messaging.h>).
 TQ_API TQObjectCounts DEBUG_TQObjectCount(void);
 
 #ifdef __cplusplus

@@ -10,20 +10,32 @@
 /// is read later, on a sending thread. Until then neither the list nor a list inside it may change.
 /// It has been read when TQCall has returned or the completion callback runs. For a notification
 /// without callback nothing tells: close the list and make a new one. Several messages may share
-/// one unchanging list. A null `params` arrives as an empty list.
+/// one unchanging list. A null `params` arrives as an empty list. A list whose own entries take
+/// 2 GiB or more cannot be sent: its write counts as failed, after it has been done.
 ///
 /// Order. All messages to one peer, calls, replies and notifications alike, go out in the order in
 /// which they were queued, and the peer's slots run in that order, one at a time. A reply to us is
 /// dealt with at once, and so can overtake a notification that the peer sent before it.
 ///
 /// No time limits. Nothing here gives up after a time. A request is cancelled when its session
-/// ends, and not before. Three losses can be met with:
+/// ends, and not before. These losses can be met with:
 /// - A session that ends in the middle of a reply takes it along: the TQCall that waits for it
 ///   never returns, a completion callback is never called.
 /// - A notification queued at the very moment at which its session ends reports TQ_ERR_OK, is
 ///   never sent and never completed.
 /// - A session that ends with requests written and unanswered cancels them, but is never freed:
 ///   its memory and its connection stay to the end of the process.
+/// - A reply or notification that cannot be written in time is dropped without a sign. If a part of
+///   it had gone out, what follows reads as damage at the peer, who ends the session.
+/// - A call that cannot be written ends the sending side of its session, which is out of reach from
+///   then on: see TQDisconnect.
+/// - What the dispatcher thread has not taken when the last TQShutdown ends it stays queued and
+///   keeps sessions and their connections: calls and notifications of peers, which the next
+///   TQInitialize serves and an unload drops, and requests whose write failed, for which TQCall
+///   does not return meanwhile.
+/// - A notification for which there was no memory leaves a gap in the queue of its session. If the
+///   session ends before it has passed the gap, what was queued behind it is neither sent nor
+///   completed, and TQCall does not return.
 ///
 /// Texts are copied or used for the call only. A null name, a null array and a stale handle are not
 /// tested for and must not be passed.
@@ -37,8 +49,9 @@
 /// - From a slot they work, but all other calls and notifications to this process wait meanwhile,
 ///   and two processes that call each other from slots at the same moment block for good.
 ///
-/// Exceptions. std::bad_alloc if the process heap has no memory; nothing else arises here, except
-/// what a list function would throw where a flow id is stored in a damaged list.
+/// Exceptions. std::bad_alloc if the process heap has no memory, or the private heap none for a
+/// place in a queue; nothing else arises here, except what a list function would throw where a flow
+/// id is stored in a damaged list.
 #pragma once
 
 #include <tq/export.h>
@@ -62,7 +75,8 @@ extern "C" {
 /// @param callback  must not be null.
 /// @param context   handed to the callback and never looked at; must live as long as the slot.
 /// @return TQ_ERR_OK, always.
-/// Blocks while any slot runs on the dispatcher thread, unless it is called from that slot.
+/// Blocks while any slot runs on the dispatcher thread, unless it is called from that slot. From a
+/// callback on a receiving thread that is for good if the slot disconnects that thread's session.
 TQ_API _tag_TQ_ERROR TQRegisterSlot(unsigned slotId, TQSlotCallback callback, void* context);
 
 /// Takes a slot away.
@@ -127,7 +141,8 @@ TQ_API _tag_HTQPARAMLIST TQCallWithFlow(unsigned flowId, const char* application
 ///                         peer without that slot drops it.
 /// @param context          handed to the callback and never looked at; must live until then.
 /// @return TQ_ERR_OK if the message was queued, which says nothing about its delivery, also if
-///         there was no memory for it; TQ_ERR_NO_SESSION if there is no session of that name.
+///         there was no memory for the message itself and a gap was queued in its place;
+///         TQ_ERR_NO_SESSION if there is no session of that name.
 /// Does not block.
 TQ_API _tag_TQ_ERROR TQNotify(const char* applicationName, unsigned slotId,
                               _tag_HTQPARAMLIST params, TQNotifyCallback callback, void* context);

@@ -195,7 +195,8 @@ typedef struct _tag_TQLIMITS {
 
   /// A single read of more bytes than this fails and ends the session. A list's block is one read,
   /// together with up to 8 bytes of framing, so this bounds each list that a peer may send, though
-  /// not their number. It is no limit on what this process sends. Default 0x40000000.
+  /// not their number. It is no limit on what this process sends. A read or a write of 2 GiB or
+  /// more counts as failed whatever stands here, after it has been carried out. Default 0x40000000.
   uint32_t MAX_READ_SIZE;
 
   uint32_t RESERVED_LIMIT_4;  ///< stored, without effect; default 0x40000000
@@ -215,10 +216,14 @@ typedef struct _tag_TQLIMITS {
 } _tag_TQLIMITS;
 
 /// What DEBUG_TQObjectCount returns.
+///
+/// `pendingCalls` is about one session only: the one that sent a request last, or got a reply that
+/// it did not wait for. It says how many requests of that session were sent and unanswered then. An
+/// answer does not lower it, so it stays above 0 when nothing is pending any more.
 typedef struct TQObjectCounts {
   uint32_t sessions;      ///< session objects alive
   uint32_t messages;      ///< messages alive
-  uint32_t pendingCalls;  ///< unanswered requests of the session that touched its own count last
+  uint32_t pendingCalls;  ///< unanswered requests of one session, as told above
   uint32_t reserved1;     ///< always 0
   uint32_t reserved2;     ///< always 0
   uint32_t paramLists;    ///< lists alive, nested ones and those inside messages included
@@ -240,7 +245,9 @@ typedef struct TQSlotCallInfo {
 // keeps a list longer); results are ignored; the callback runs on the thread named with it and
 // holds that thread up. A callback must not throw: no thread of the library catches the exception,
 // and one that leaves a callback there ends the process. A callback and its context must stay
-// valid until the function that takes it away says so, or until the library has shut down.
+// valid until the function that takes it away says so, or until no thread of the library is left,
+// which is a moment after the last TQShutdown has returned: <tq/application.h> tells under
+// Unloading what may still run.
 
 /// Receives a log line.
 ///
@@ -274,9 +281,11 @@ typedef int (*TQSlotCallback)(_tag_HTQPARAMLIST params, _tag_HTQPARAMLIST result
 ///                         signal had no subscribers.
 /// @param context          the one given with the callback.
 /// Threads: a reply, the receiving thread of the session; the end of the session, its sending
-/// thread; a failed write, the dispatcher thread; no subscribers, the caller of TQEmit. So it can
-/// run concurrently with itself and with slots. On a receiving thread it must not wait for
-/// anything that the same peer sends: TQCall and TQDisconnectSignal to that peer never return.
+/// thread, also after TQDisconnect and TQShutdown have returned; a failed write, the dispatcher
+/// thread; no subscribers, the caller of TQEmit. So it can run concurrently with itself and with
+/// slots. On a receiving thread it must not wait for anything that the same peer sends: TQCall and
+/// TQDisconnectSignal to that peer never return. It must not wait for a slot either, as registering
+/// slots does: see TQDisconnect.
 typedef _tag_TQ_ERROR (*TQNotifyCallback)(const char* applicationName, unsigned slotId,
                                           _tag_HTQPARAMLIST params, _tag_HTQPARAMLIST result,
                                           void* context);
@@ -301,7 +310,9 @@ typedef void (*TQConnectListener)(const char* localAddress, const char* remoteAd
 /// The peer's signal subscriptions are gone. Requests that it leaves unanswered are cancelled
 /// after this call.
 /// Threads: the session's receiving thread, which reads nothing more: TQCall and
-/// TQDisconnectSignal to this peer never return here.
+/// TQDisconnectSignal to this peer never return here. TQDisconnect and TQShutdown wait for it, so
+/// it must not wait for a thread that is inside one of them, nor for a slot that may disconnect the
+/// peer, as registering slots does: see TQDisconnect.
 typedef void (*TQDisconnectListener)(const char* applicationName, const char* host, int32_t port,
                                      const char* application);
 

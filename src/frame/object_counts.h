@@ -15,7 +15,7 @@ namespace TQ::detail {
 struct ObjectCounters {
   std::atomic<uint32_t> sessions{0};      ///< sessions alive
   std::atomic<uint32_t> messages{0};      ///< messages alive
-  std::atomic<uint32_t> pendingCalls{0};  ///< size of the awaiting map that was touched last
+  std::atomic<uint32_t> pendingCalls{0};  ///< see AwaitingRequests
   std::atomic<uint32_t> paramLists{0};    ///< lists alive
   std::atomic<uint32_t> writeCalls{0};    ///< attempts to write to a peer
   std::atomic<uint32_t> readCalls{0};     ///< attempts to read from a peer

@@ -12,6 +12,8 @@
 #include <cstdint>
 
 /// An ordered set of named, typed values in one contiguous block, whose image is the wire image.
+/// Intended: a list may be stored in itself, directly or through others. That is a cycle of
+/// references which nothing breaks.
 ///
 /// Made by: Create, and by whoever reads a list from a channel. Referenced by: handles of the host,
 /// slots of other lists, messages. May die on any thread, with the nested lists that it held last.

@@ -18,10 +18,13 @@ namespace TQ::detail {
 /// time limit.
 class AwaitingRequests {
  public:
-  /// Makes the entry of `message`, replacing and releasing what stood under its id.
+  /// Makes the entry of `message`, replacing and releasing what stood under its id. The number of
+  /// entries goes into the counter `pendingCalls`, which all sessions share.
   void Insert(MessageRef message);
 
-  /// Takes the entry of `requestId` out; null when there is none.
+  /// Takes the entry of `requestId` out; null when there is none. Intended: the number of entries
+  /// goes into `pendingCalls` only where there is none. A reply that is awaited lowers the table
+  /// and leaves the counter.
   MessageRef Take(uint32_t requestId);
 
   /// Completes every entry as cancelled, in the order of ids, with the lock held.

@@ -13,7 +13,10 @@ extern MessageQueue& g_dispatchQueue;
 void Dispatch(MessageRef message);
 
 /// The body of the dispatcher thread. It ends when the library stops and no session is left; a null
-/// message wakes it for that. What is queued by then stays queued.
+/// message wakes it for that.
+///
+/// Intended: what is queued by then stays queued, with its sessions and their connections. The
+/// dispatcher of the next life serves it, and an unload releases it uncompleted.
 void RunDispatcher();
 
 }  // namespace TQ::detail

@@ -28,6 +28,7 @@ MessageRef QueueCall(const char* applicationName, uint32_t slotId, FastHolderImp
   *event = ITQMessage::SyncEventRef(new (std::nothrow) ITQMessage::ISyncEvent());
   // Without an event there is nothing to wait on: the message then goes out one-way.
   const uint32_t kind = *event ? MSG_CALL : MSG_NOTIFY;
+  // Intended: the message shares the list. Nothing is copied, here or in TQNotify.
   MessageRef message(TQSlotCallMessage::Outbound(session, kind, slotId, params, *event, {}).Get());
   if (message) session->Outgoing().Push(message);
   return message;
@@ -61,7 +62,8 @@ _tag_TQ_ERROR TQNotify(const char* applicationName, unsigned slotId, _tag_HTQPAR
   const auto message =
       TQSlotCallMessage::Outbound(session, kind, slotId, params.impl, nullptr, {callback, context});
   // Intended: no lock is held here, so a message may come after the end of its session has drained
-  // the queue, and is then neither sent nor completed. Success means queued and nothing more.
+  // the queue, and is then neither sent nor completed. Success means queued and nothing more: where
+  // there was no memory for the message, a null one is queued in its place.
   (void)session->Outgoing().Push(MessageRef(message.Get()));
   return TQ_ERR_OK;
 }

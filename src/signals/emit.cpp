@@ -20,6 +20,8 @@ EmitResult NotifySubscribers(const char* signalName, _tag_HTQPARAMLIST params,
   if (subscribers == nullptr) return EmitResult::UNKNOWN_SIGNAL;
   if (subscribers->empty()) return EmitResult::NOBODY_LISTENS;
   for (const Subscriber& each : *subscribers) {
+    // Intended: reached by its name, as by any caller. A session that has ended or lost its name is
+    // not reached, and one that has taken the name over is called in its place.
     const char* name = each.session.IsValid() ? each.session->Name().c_str() : "";
     // One subscriber that cannot be reached must not keep the signal from the others.
     (void)TQNotify(name, each.slotId, params, callback, context);

@@ -113,6 +113,8 @@ void SocketListener::AcceptOne() {
   std::array<uint8_t, platform::SOCKET_ADDRESS_SIZE> peer{};
   const platform::SocketHandle socket = platform::AcceptConnection(listener, peer.data());
   if (socket == platform::NO_SOCKET) {
+    // Intended: no pause, other than after a failed wait. While connections cannot be accepted, for
+    // want of descriptors above all, this line is told over and over.
     Log(TQ_LOG_ERROR, "ConnectionThread. Failed to accept incoming connection.");
     return;
   }

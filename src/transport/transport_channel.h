@@ -11,10 +11,16 @@
 
 /// A connected byte stream. It knows nothing of frames, handshakes or lists.
 ///
+/// Intended: lengths have 32 bits and results are signed. A read or write of 2 GiB or more is
+/// carried out, and what it gives back, the length, is negative: a failure. That bounds a list's
+/// block.
+///
 /// Threads: during the handshake one thread does everything; afterwards one thread calls Receive
 /// and WaitForData, one other calls Send, and any thread calls Wakeup. The address texts never
 /// change. May die on any thread; destruction closes the connection.
-/// A failed operation leaves the stream at an unknown position: the caller gives the session up.
+/// A failed operation leaves the stream at an unknown position, and the channel does not remember
+/// it. A caller should give the session up; the sending thread does so for calls alone and goes on
+/// behind a reply or a notification.
 struct ITransportChannel : public MTObjects::MTReferencedTypeBase {
   ~ITransportChannel() override = default;
 
@@ -38,7 +44,8 @@ struct ITransportChannel : public MTObjects::MTReferencedTypeBase {
   /// failure.
   virtual int32_t WaitForData(uint32_t timeoutMs) = 0;
 
-  /// The same without a time limit.
+  /// The same without a time limit. The library always gives one; this form keeps its place among
+  /// the virtual operations, whose order is fixed.
   virtual int32_t WaitForData() = 0;
 
   /// Makes a current or the next WaitForData return 0. Reads and writes are not interrupted.

@@ -87,7 +87,8 @@ int32_t TQMemoryBufferTpl2<N>::AppendFromChannel(ITransportChannel& channel, uin
 }
 
 /// Writes the whole block, then the descriptor of the next one: the bytes written, or negative. A
-/// sum that 31 bits cannot hold stays at the largest, since a negative one would be a failure.
+/// sum that 31 bits cannot hold stays at the largest, since a negative one would be a failure, as
+/// the channel's result for a block of 2 GiB and more is.
 template <unsigned N>
 int32_t TQMemoryBufferTpl2<N>::WriteWithDescriptor(ITransportChannel& channel, uint32_t nextSize,
                                                    uint32_t nextCount) const {

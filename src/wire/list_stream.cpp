@@ -8,7 +8,8 @@
 namespace TQ::detail {
 namespace {
 
-/// Sums of byte counts stay positive: a tree above 2 GiB is no failure.
+/// Sums of byte counts stay positive: a tree above 2 GiB is no failure. A single block of that size
+/// is one, because the channel's own result for it is negative.
 int32_t AddCounts(int32_t a, int32_t b) { return a > INT32_MAX - b ? INT32_MAX : a + b; }
 
 int32_t WriteWithNext(const FastHolderImpl& list, ITransportChannel& channel,
