@@ -37,7 +37,8 @@ class Host final {
   Host(const Host&) = delete;
   Host& operator=(const Host&) = delete;
 
-  /// Ends all sessions and threads of the library. No callback runs after it but the log's.
+  /// Ends all sessions. No slot runs after it. The last threads of the library may still run for a
+  /// moment: they complete what was unanswered, and log.
   void Stop();
 
   /// After Stop: waits until sessions, messages and lists are as many as before the start, and adds

@@ -24,7 +24,8 @@ std::vector<double> ReportPackages(const std::string& catalog, const PackageRefs
 
 /// Removals on their way.
 ///
-/// The completions point here, so this must outlive the session.
+/// The completions point here, so this must outlive the library's threads, which TQShutdown alone
+/// does not wait for.
 /// Threads: the public operations on one thread; completions come on threads of the library.
 class Removals final {
  public:

@@ -82,7 +82,8 @@ int Run(const ScannerOptions& options) {
   }
   totals.removals = removed.size();
 
-  Removals removals;  // outlives the library's threads
+  // Never destroyed: if the scan fails, completions may still come after TQShutdown.
+  static Removals& removals = *new Removals;
   StartLog(options.log);
   Host host("scanner", 0);
   TQ::TQApplicationHolder catalog(ConnectToCatalog(options.port, options.authFile).c_str());
