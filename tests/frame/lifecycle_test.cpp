@@ -2,7 +2,6 @@
 #include <tq/application.h>
 
 #include <dlfcn.h>
-#include <pthread.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
@@ -37,6 +36,7 @@
 #include "support/process_info.h"
 #include "support/raw_peer.h"
 #include "support/session_host.h"
+#include "support/thread_faults.h"
 #include "support/wait_until.h"
 #include "transport/listener_settings.h"
 
@@ -46,12 +46,9 @@ namespace {
 std::string g_hostName;
 std::atomic<bool> g_hostNameFails{false};
 
-// How many threads can still be made; negative for any number.
-std::atomic<int> g_threadsLeft{-1};
-
 }  // namespace
 
-// Both stand before the system's own operations, so that a test decides what they give.
+// Stands before the system's own operation, so that a test decides what it gives.
 extern "C" int gethostname(char* buffer, size_t size) noexcept {
   if (g_hostNameFails) {
     errno = ENAMETOOLONG;
@@ -65,15 +62,6 @@ extern "C" int gethostname(char* buffer, size_t size) noexcept {
   // As the system does: a name that does not fit is cut off, without a NUL.
   std::strncpy(buffer, g_hostName.c_str(), size);
   return 0;
-}
-
-extern "C" int pthread_create(pthread_t* thread, const pthread_attr_t* attributes,
-                              void* (*body)(void*), void* argument) noexcept {
-  using Create = int (*)(pthread_t*, const pthread_attr_t*, void* (*)(void*), void*);
-  static const auto create = reinterpret_cast<Create>(dlsym(RTLD_NEXT, "pthread_create"));
-  if (g_threadsLeft == 0) return EAGAIN;
-  if (g_threadsLeft > 0) --g_threadsLeft;
-  return create(thread, attributes, body, argument);
 }
 
 namespace TQ::test {

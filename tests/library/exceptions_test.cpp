@@ -1,12 +1,8 @@
 // What the shared library throws, as a host catches it: across the boundary, by its type.
-#include <dlfcn.h>
-#include <pthread.h>
-
 #include <gtest/gtest.h>
 #include <tq/tq.h>
 
 #include <atomic>
-#include <cerrno>
 #include <cstdlib>
 #include <exception>
 #include <optional>
@@ -19,24 +15,8 @@
 #include "support/child_process.h"
 #include "support/free_port.h"
 #include "support/raw_peer.h"
+#include "support/thread_faults.h"
 #include "support/wait_until.h"
-
-namespace {
-
-// How many threads can still be made; negative for any number.
-std::atomic<int> g_threadsLeft{-1};
-
-}  // namespace
-
-// Stands before the system's own operation, so that a test can run out of threads at will.
-extern "C" int pthread_create(pthread_t* thread, const pthread_attr_t* attributes,
-                              void* (*body)(void*), void* argument) noexcept {
-  using Create = int (*)(pthread_t*, const pthread_attr_t*, void* (*)(void*), void*);
-  static const auto create = reinterpret_cast<Create>(dlsym(RTLD_NEXT, "pthread_create"));
-  if (g_threadsLeft == 0) return EAGAIN;
-  if (g_threadsLeft > 0) --g_threadsLeft;
-  return create(thread, attributes, body, argument);
-}
 
 namespace TQ::test {
 namespace {

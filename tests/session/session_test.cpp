@@ -30,29 +30,18 @@
 #include "support/scripted_channel.h"
 #include "support/scripted_handshake.h"
 #include "support/test_message.h"
+#include "support/thread_faults.h"
 #include "support/wait_until.h"
 #include "transport/socket_channel.h"
 
 namespace {
-
-// How many threads can still be made; negative for any number.
-std::atomic<int> g_threadsLeft{-1};
 
 // No thread can be let go any more.
 std::atomic<bool> g_detachFails{false};
 
 }  // namespace
 
-// These two stand before the system's own, so that a test can let them fail at will.
-extern "C" int pthread_create(pthread_t* thread, const pthread_attr_t* attributes,
-                              void* (*body)(void*), void* argument) noexcept {
-  using Create = int (*)(pthread_t*, const pthread_attr_t*, void* (*)(void*), void*);
-  static const auto create = reinterpret_cast<Create>(dlsym(RTLD_NEXT, "pthread_create"));
-  if (g_threadsLeft == 0) return EAGAIN;
-  if (g_threadsLeft > 0) --g_threadsLeft;
-  return create(thread, attributes, body, argument);
-}
-
+// Stands before the system's own, so that a test can let it fail at will.
 extern "C" int pthread_detach(pthread_t thread) noexcept {
   using Detach = int (*)(pthread_t);
   static const auto detach = reinterpret_cast<Detach>(dlsym(RTLD_NEXT, "pthread_detach"));
