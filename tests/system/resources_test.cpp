@@ -4,6 +4,7 @@
 #include <tq/tq.h>
 
 #include <atomic>
+#include <chrono>
 #include <cstdlib>
 #include <fstream>
 #include <map>
@@ -12,6 +13,7 @@
 #include <string>
 #include <vector>
 
+#include "session/session.h"
 #include "support/child_process.h"
 #include "support/free_port.h"
 #include "support/log_recorder.h"
@@ -35,6 +37,12 @@ constexpr unsigned SLOT = 7;
 /// Allocations from the private heap and the process heap since the start, by all threads.
 std::atomic<uint64_t> g_heapBlocks{0};
 std::atomic<uint64_t> g_regrownBlocks{0};
+
+/// No memory for a session.
+std::atomic<bool> g_sessionsRefused{false};
+
+/// How many of this thread's next allocations fail.
+thread_local int g_refusedBlocks = 0;
 
 int AnswerEmpty(HTQPARAMLIST, HTQPARAMLIST, const TQSlotCallInfo*) { return 0; }
 
@@ -235,6 +243,42 @@ TEST(Resources, ACallAllocatesWhatItQueuesAndNothingElse) {
   EXPECT_EQ(g_regrownBlocks - regrownBefore, 0U);
 }
 
+TEST(Resources, ANotificationWithoutMemoryReportsSuccessAndLeavesAGap) {
+  const LogRecorder log;
+  const uint16_t port = StartHost(log);
+  const std::string name = "test:1/peer";
+  auto peer = RawPeer::Connect(port);
+  ASSERT_TRUE(peer);
+  ASSERT_TRUE(peer->HandshakeAsConnector(name).Completed());
+  ASSERT_TRUE(WaitUntil(
+      [&] { return TQNotify(name.c_str(), 1, {nullptr}, nullptr, nullptr) == TQ_ERR_OK; }));
+  g_refusedBlocks = 1;  // the message; there is memory again for its place in the queue
+  EXPECT_EQ(TQNotify(name.c_str(), 2, {nullptr}, nullptr, nullptr), TQ_ERR_OK);
+  EXPECT_EQ(g_refusedBlocks, 0);
+  EXPECT_EQ(TQNotify(name.c_str(), 3, {nullptr}, nullptr, nullptr), TQ_ERR_OK);
+  for (const uint32_t slot : {1U, 3U}) {
+    const auto frame = peer->ReadFrame();
+    ASSERT_TRUE(frame) << peer->Problem();
+    EXPECT_EQ(frame->slotId, slot);
+  }
+  peer->Close();
+  EXPECT_EQ(TQShutdown(), TQ_ERR_OK);
+}
+
+TEST(Resources, AnAcceptedPeerForWhomThereIsNoMemoryIsNeitherServedNorClosed) {
+  const LogRecorder log;
+  const uint16_t port = StartHost(log);
+  g_sessionsRefused = true;
+  auto peer = RawPeer::Connect(port);
+  ASSERT_TRUE(peer);
+  EXPECT_TRUE(log.WaitFor(TQ_LOG_ERROR, "ConnectionThread. Cannot create application object"));
+  EXPECT_TRUE(
+      log.WaitFor(TQ_LOG_INFO, "ConnectionThread. Initialization of new connection is completed."));
+  g_sessionsRefused = false;
+  EXPECT_EQ(TQShutdown(), TQ_ERR_OK);
+  EXPECT_TRUE(peer->StaysSilentFor(std::chrono::milliseconds{50}));
+}
+
 /// Makes args[1] calls to the port args[0].
 TQ_TEST_ROLE(countedCaller) {
   Caller caller(static_cast<uint16_t>(std::stoi(args.at(0))));
@@ -304,11 +348,18 @@ extern "C" {
 
 void* __wrap_malloc(std::size_t size) {
   g_heapBlocks.fetch_add(1);
+  if (g_refusedBlocks > 0) {
+    --g_refusedBlocks;
+    return nullptr;
+  }
   return __real_malloc(size);
 }
 
 void* __wrap_calloc(std::size_t count, std::size_t size) {
   g_heapBlocks.fetch_add(1);
+  if (g_sessionsRefused && size == sizeof(TQAPPImpl)) {
+    return nullptr;
+  }
   return __real_calloc(count, size);
 }
 
