@@ -1,5 +1,6 @@
-// Every process-wide object of the library, in the order in which it is made at load. Destruction
-// goes in reverse.
+// The process-wide objects of the library whose order matters, in the order in which they are made
+// at load. Destruction goes in reverse. A few that depend on nothing, and on which nothing here
+// depends, stand with the code that uses them.
 //
 // What a session's sending thread may touch at its end is never destroyed: nobody joins that
 // thread, and it may still run while the process's exit handlers do. The three thread objects come
