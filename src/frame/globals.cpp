@@ -20,8 +20,10 @@
 #include "signals/signal_table.h"
 #include "signals/slot_table.h"
 #include "transport/listener_settings.h"
+#include "transport/pipe_listener.h"
 
 #include <random>
+#include <string>
 
 namespace TQ::detail {
 // The private heap.
@@ -52,6 +54,8 @@ std::atomic<TQUnknownConnectListener> g_unknownConnectListener{nullptr};
 // Listener settings and gates.
 CountedRef<ConnThreadInfo> connThreadInfo(new ConnThreadInfo());
 CountedRef<ConnPipeThreadInfo> connPipeThreadInfo(new ConnPipeThreadInfo());
+std::string inboundPipeName;
+std::string outboundPipeName;
 CountedRef<MTObjects::ISyncEvent> socketListenerGate(new MTObjects::ISyncEvent());
 CountedRef<MTObjects::ISyncEvent> pipeListenerGate(new MTObjects::ISyncEvent());
 

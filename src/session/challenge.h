@@ -2,8 +2,8 @@
 #pragma once
 
 #include "frame/locks.h"
+#include "frame/md5.h"
 #include "frame/settings.h"
-#include "session/md5.h"
 
 #include <array>
 #include <cstdint>

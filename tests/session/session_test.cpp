@@ -687,8 +687,7 @@ TEST_F(OneName, IsAdmittedAgainWhileTheStoppedSessionStillHasItsEntry) {
 // A connection from the library to a peer that stops before its last word.
 struct HalfConnected {
   explicit HalfConnected(const std::string& peerName) : name(peerName) {
-    thread = std::thread(
-        [this] { result = TQConnect("127.0.0.1", listener.Port(), nullptr, 0, nullptr, 0); });
+    thread = std::thread([this] { result = ConnectTo(listener.Port()); });
     peer = listener.Accept();
     if (peer) {
       HandshakeOptions options;
@@ -921,8 +920,7 @@ const std::error_code TRY_AGAIN = std::make_error_code(std::errc::resource_unava
 
 TEST_F(NoThreads, AtAllMakeTQConnectThrowAndLeaveNothing) {
   g_threadsLeft = 0;
-  EXPECT_EQ(CodeOf([&] { TQConnect("127.0.0.1", listener.Port(), nullptr, 0, nullptr, 0); }),
-            TRY_AGAIN);
+  EXPECT_EQ(CodeOf([&] { ConnectTo(listener.Port()); }), TRY_AGAIN);
   g_threadsLeft = -1;
   EXPECT_EQ(SessionsAlive(), 0u);
   EXPECT_EQ(ThreadCount(), threadsBefore);
@@ -934,8 +932,7 @@ TEST_F(NoThreads, AtAllMakeTQConnectThrowAndLeaveNothing) {
 
 TEST_F(NoThreads, ForSendingMakeTQConnectThrowAndLeaveTheReceivingOneParked) {
   g_threadsLeft = 1;
-  EXPECT_EQ(CodeOf([&] { TQConnect("127.0.0.1", listener.Port(), nullptr, 0, nullptr, 0); }),
-            TRY_AGAIN);
+  EXPECT_EQ(CodeOf([&] { ConnectTo(listener.Port()); }), TRY_AGAIN);
   g_threadsLeft = -1;
   EXPECT_EQ(SessionsAlive(), 1u);
   EXPECT_EQ(ThreadCount(), threadsBefore + 1);
@@ -963,8 +960,7 @@ TEST_F(NoThreads, LeaveOtherSessionsAlone) {
   SocketSession other;
   ASSERT_TRUE(other.admitted);
   g_threadsLeft = 0;
-  EXPECT_EQ(CodeOf([&] { TQConnect("127.0.0.1", listener.Port(), nullptr, 0, nullptr, 0); }),
-            TRY_AGAIN);
+  EXPECT_EQ(CodeOf([&] { ConnectTo(listener.Port()); }), TRY_AGAIN);
   g_threadsLeft = -1;
   ASSERT_EQ(TQNotify(PEER_NAME, 3, {}, nullptr, nullptr), TQ_ERR_OK);
   EXPECT_TRUE(other.peer.ReadFrame());

@@ -72,10 +72,6 @@ class AcceptingPeer final {
   std::thread thread;
 };
 
-_tag_TQ_ERROR ConnectTo(uint16_t port) {
-  return TQConnect("127.0.0.1", port, nullptr, 0, nullptr, 0);
-}
-
 // ---- connecting --------------------------------------------------------------------------------
 
 TEST(Connect, GivesThePeersNameAndLeavesASessionThatWorksAtOnce) {

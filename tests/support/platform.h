@@ -76,6 +76,7 @@ void ShutdownWrite(Handle socket);
 /// Closes; the peer then sees an error instead of an orderly end.
 void CloseWithReset(Handle socket);
 
+/// Does nothing with NO_HANDLE.
 void CloseSocket(Handle socket);
 
 /// Sizes of 0 leave a buffer as it is.
@@ -90,6 +91,21 @@ bool CanBind(uint16_t port);
 
 /// Sends one UDP datagram to the port.
 bool SendDatagram(uint16_t port, const uint8_t* data, size_t size);
+
+// ---- named pipes -------------------------------------------------------------------------------
+// Each end is nonblocking and used with ReceiveSome, SendSome and CloseSocket. Names are without
+// the system's prefix.
+
+/// A pipe that waits for its peer, NO_HANDLE if the name cannot be had.
+Handle ListenPipe(const std::string& pipeName);
+
+/// The peer of a pipe that waits, NO_HANDLE if none came in time. The waiting end stays open, and
+/// its closing frees the name. Without `granted` the peer is not told that it was taken.
+Handle AcceptPipe(Handle listener, std::chrono::milliseconds timeout, bool granted = true);
+
+/// One attempt to open a pipe, NO_HANDLE if it failed. `companion` is the pipe of the same
+/// connection that was opened before.
+Handle OpenPipe(const std::string& pipeName, Handle companion, std::chrono::milliseconds timeout);
 
 // ---- processes ---------------------------------------------------------------------------------
 

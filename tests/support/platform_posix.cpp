@@ -339,7 +339,11 @@ void CloseWithReset(Handle socket) {
   close(Descriptor(socket));
 }
 
-void CloseSocket(Handle socket) { close(Descriptor(socket)); }
+void CloseSocket(Handle socket) {
+  if (socket != NO_HANDLE) {
+    close(Descriptor(socket));
+  }
+}
 
 void SetBufferSizes(Handle socket, int sendBuffer, int receiveBuffer) {
   if (sendBuffer > 0) {

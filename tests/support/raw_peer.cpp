@@ -1,6 +1,7 @@
 #include "support/raw_peer.h"
 
 #include "support/md5.h"
+#include "support/transport.h"
 
 #include <algorithm>
 #include <stdexcept>
@@ -78,7 +79,32 @@ Bytes ReplyBytes(uint32_t id, const RawList& list) {
 
 // ---- the connection ----------------------------------------------------------------------------
 
+namespace {
+
+// The first pipe decides whether there is a listener; from then on it waits for this peer alone.
+std::optional<RawPeer> TryConnectPipes(const std::string& name) {
+  const auto inbound = platform::OpenPipe(name + "_in", platform::NO_HANDLE, DEFAULT_DEADLINE);
+  if (inbound == platform::NO_HANDLE) {
+    return std::nullopt;
+  }
+  auto outbound = platform::NO_HANDLE;
+  const bool opened = WaitUntil([&] {
+    outbound = platform::OpenPipe(name + "_out", inbound, DEFAULT_DEADLINE);
+    return outbound != platform::NO_HANDLE;
+  });
+  if (!opened) {
+    platform::CloseSocket(inbound);
+    return std::nullopt;
+  }
+  return RawPeer(outbound, inbound, name + "_out", name + "_in");
+}
+
+}  // namespace
+
 std::optional<RawPeer> RawPeer::TryConnect(uint16_t port, int receiveBuffer) {
+  if (OverPipes()) {
+    return TryConnectPipes(PipeName(port));
+  }
   const auto connected = platform::Connect(port, DEFAULT_DEADLINE, receiveBuffer);
   if (connected == platform::NO_HANDLE) {
     return std::nullopt;
@@ -97,8 +123,24 @@ std::optional<RawPeer> RawPeer::Connect(uint16_t port, Milliseconds timeout, int
   return peer;
 }
 
+RawPeer::RawPeer(platform::Handle connected)
+    : socket(connected),
+      writeSocket(connected),
+      localAddress(AddressText(platform::LocalPort(connected))),
+      remoteAddress(AddressText(platform::RemotePort(connected))) {}
+
+RawPeer::RawPeer(platform::Handle readPipe, platform::Handle writePipe, std::string readName,
+                 std::string writeName)
+    : socket(readPipe),
+      writeSocket(writePipe),
+      localAddress(std::move(readName)),
+      remoteAddress(std::move(writeName)) {}
+
 RawPeer::RawPeer(RawPeer&& other) noexcept
     : socket(std::exchange(other.socket, platform::NO_HANDLE)),
+      writeSocket(std::exchange(other.writeSocket, platform::NO_HANDLE)),
+      localAddress(std::move(other.localAddress)),
+      remoteAddress(std::move(other.remoteAddress)),
       sawReset(other.sawReset),
       problem(std::move(other.problem)) {}
 
@@ -106,6 +148,9 @@ RawPeer& RawPeer::operator=(RawPeer&& other) noexcept {
   if (this != &other) {
     Close();
     socket = std::exchange(other.socket, platform::NO_HANDLE);
+    writeSocket = std::exchange(other.writeSocket, platform::NO_HANDLE);
+    localAddress = std::move(other.localAddress);
+    remoteAddress = std::move(other.remoteAddress);
     sawReset = other.sawReset;
     problem = std::move(other.problem);
   }
@@ -122,11 +167,11 @@ bool RawPeer::SendBytes(const Bytes& bytes, Milliseconds timeout) {
   const auto end = Clock::now() + timeout;
   size_t sent = 0;
   while (sent < bytes.size()) {
-    if (!IsOpen()) {
+    if (writeSocket == platform::NO_HANDLE) {
       return Fail("send", IoStatus::FAILED);
     }
     const auto result =
-        platform::SendSome(socket, bytes.data() + sent, bytes.size() - sent, Remaining(end));
+        platform::SendSome(writeSocket, bytes.data() + sent, bytes.size() - sent, Remaining(end));
     if (result.status != IoStatus::OK) {
       return Fail("send, " + std::to_string(bytes.size() - sent) + " bytes left", result.status);
     }
@@ -199,26 +244,28 @@ bool RawPeer::StaysSilentFor(Milliseconds duration) {
 bool RawPeer::WaitClosed(Milliseconds timeout) { return ReceiveUntilClosed(timeout).has_value(); }
 
 void RawPeer::ShutdownWrite() {
-  if (IsOpen()) {
+  if (socket != writeSocket) {
+    platform::CloseSocket(std::exchange(writeSocket, platform::NO_HANDLE));
+  } else if (IsOpen()) {
     platform::ShutdownWrite(socket);
   }
 }
 
 void RawPeer::Close() {
-  if (IsOpen()) {
-    platform::CloseSocket(std::exchange(socket, platform::NO_HANDLE));
+  const auto other = std::exchange(writeSocket, platform::NO_HANDLE);
+  if (other != socket) {
+    platform::CloseSocket(other);
   }
+  platform::CloseSocket(std::exchange(socket, platform::NO_HANDLE));
 }
 
 void RawPeer::Reset() {
-  if (IsOpen()) {
+  if (IsOpen() && socket == writeSocket) {
+    writeSocket = platform::NO_HANDLE;
     platform::CloseWithReset(std::exchange(socket, platform::NO_HANDLE));
   }
+  Close();
 }
-
-std::string RawPeer::LocalAddress() const { return AddressText(platform::LocalPort(socket)); }
-
-std::string RawPeer::RemoteAddress() const { return AddressText(platform::RemotePort(socket)); }
 
 // ---- handshake ---------------------------------------------------------------------------------
 
@@ -402,16 +449,48 @@ std::optional<RawFrame> RawPeer::ReadFrame(Milliseconds timeout) {
 
 // ---- listener ----------------------------------------------------------------------------------
 
-RawListener::RawListener(uint16_t port, int receiveBuffer)
-    : socket(platform::Listen(port, receiveBuffer)) {
-  if (socket == platform::NO_HANDLE) {
+RawListener::RawListener(uint16_t chosenPort, int receiveBuffer) : port(chosenPort) {
+  Open(receiveBuffer);
+}
+
+RawListener::~RawListener() {
+  platform::CloseSocket(socket);
+  platform::CloseSocket(outboundPipe);
+}
+
+void RawListener::Open(int receiveBuffer) {
+  socket = OverPipes() ? platform::ListenPipe(PipeName(port) + "_in")
+                       : platform::Listen(port, receiveBuffer);
+  if (OverPipes()) {
+    outboundPipe = platform::ListenPipe(PipeName(port) + "_out");
+  }
+  if (socket == platform::NO_HANDLE || (OverPipes() && outboundPipe == platform::NO_HANDLE)) {
+    platform::CloseSocket(socket);
+    platform::CloseSocket(outboundPipe);
     throw std::runtime_error("RawListener: port " + std::to_string(port) + " cannot be had");
   }
 }
 
-RawListener::~RawListener() { platform::CloseSocket(socket); }
+// Each name waits for one peer and is then closed, so that nobody waits behind it.
+std::optional<RawPeer> RawListener::AcceptPipes(Milliseconds timeout) {
+  const auto end = Clock::now() + timeout;
+  const auto inbound = platform::AcceptPipe(socket, timeout);
+  if (inbound == platform::NO_HANDLE) {
+    return std::nullopt;
+  }
+  platform::CloseSocket(std::exchange(socket, platform::NO_HANDLE));
+  const auto outbound = platform::AcceptPipe(outboundPipe, Remaining(end));
+  platform::CloseSocket(std::exchange(outboundPipe, platform::NO_HANDLE));
+  Open(0);
+  const std::string target = "\\" + PipeName(port);
+  RawPeer peer(inbound, outbound, target + "_in", target + "_out");
+  return outbound != platform::NO_HANDLE ? std::optional<RawPeer>(std::move(peer)) : std::nullopt;
+}
 
 std::optional<RawPeer> RawListener::Accept(Milliseconds timeout) {
+  if (OverPipes()) {
+    return AcceptPipes(timeout);
+  }
   const auto accepted = platform::Accept(socket, timeout);
   if (accepted == platform::NO_HANDLE) {
     return std::nullopt;

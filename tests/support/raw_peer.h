@@ -19,6 +19,8 @@
 // Misbehaviour: SendSlowly, RequestBytes with Prefix (frames cut anywhere), the options of the
 // handshakes, RequestHead with sizes that do not fit, the damaged entries of RawList, Reset.
 //
+// With the transport of support/transport.h they use TCP, or a pair of named pipes.
+//
 // Everything gives up after DEFAULT_DEADLINE or the timeout that it is given.
 // Threads: one at a time for each RawPeer.
 #pragma once
@@ -114,7 +116,7 @@ struct HandshakeResult {
 
 // ---- the peer ----------------------------------------------------------------------------------
 
-/// Owns one connected socket. Moved-from and closed peers fail every operation.
+/// Owns one connection. Moved-from and closed peers fail every operation.
 class RawPeer final {
  public:
   /// Connects to 127.0.0.1:`port`, trying again until someone listens. A `receiveBuffer` above 0
@@ -127,7 +129,11 @@ class RawPeer final {
   static std::optional<RawPeer> TryConnect(uint16_t port, int receiveBuffer = 0);
 
   /// Takes over a connected socket.
-  explicit RawPeer(platform::Handle connected) : socket(connected) {}
+  explicit RawPeer(platform::Handle connected);
+
+  /// Takes over a pair of pipes. The names are those of the pipes as the other side has them.
+  RawPeer(platform::Handle readPipe, platform::Handle writePipe, std::string readName,
+          std::string writeName);
 
   RawPeer(RawPeer&& other) noexcept;
   RawPeer& operator=(RawPeer&& other) noexcept;
@@ -165,14 +171,15 @@ class RawPeer final {
   /// Orderly close, unless unread bytes make the system break the connection.
   void Close();
 
-  /// Breaks the connection: the other side's read fails.
+  /// Breaks the connection: the other side's read fails. A pipe has nothing but its close.
   void Reset();
 
   bool IsOpen() const { return socket != platform::NO_HANDLE; }
+  /// Of a socket.
   uint16_t LocalPort() const { return platform::LocalPort(socket); }
-  /// "127.0.0.1:port" of this end, which is the other side's remote address, and of that end.
-  std::string LocalAddress() const;
-  std::string RemoteAddress() const;
+  /// The address of this end, which is the other side's remote address, and of that end.
+  const std::string& LocalAddress() const { return localAddress; }
+  const std::string& RemoteAddress() const { return remoteAddress; }
   platform::Handle Native() const { return socket; }
 
   // ---- handshake -------------------------------------------------------------------------------
@@ -208,12 +215,15 @@ class RawPeer final {
 
   bool Fail(const std::string& what, platform::IoStatus status);
 
-  platform::Handle socket = platform::NO_HANDLE;
+  platform::Handle socket = platform::NO_HANDLE;       ///< or the pipe that is read
+  platform::Handle writeSocket = platform::NO_HANDLE;  ///< the same socket, or the other pipe
+  std::string localAddress;
+  std::string remoteAddress;
   bool sawReset = false;
   std::string problem;
 };
 
-/// Listens on 127.0.0.1.
+/// Listens on 127.0.0.1, or on the pipes that stand for the port.
 class RawListener final {
  public:
   /// Throws std::runtime_error if the port cannot be had. `receiveBuffer` as for RawPeer::Connect.
@@ -223,13 +233,18 @@ class RawListener final {
   RawListener(const RawListener&) = delete;
   RawListener& operator=(const RawListener&) = delete;
 
-  uint16_t Port() const { return platform::LocalPort(socket); }
+  uint16_t Port() const { return port; }
 
   /// The next connection; nullopt if none comes in time.
   std::optional<RawPeer> Accept(std::chrono::milliseconds timeout = DEFAULT_DEADLINE);
 
  private:
-  platform::Handle socket;
+  void Open(int receiveBuffer);
+  std::optional<RawPeer> AcceptPipes(std::chrono::milliseconds timeout);
+
+  const uint16_t port;
+  platform::Handle socket = platform::NO_HANDLE;        ///< or the pipe that is read
+  platform::Handle outboundPipe = platform::NO_HANDLE;  ///< the other pipe, if there is one
 };
 
 }  // namespace TQ::test

@@ -7,6 +7,7 @@
 
 #include "frame/settings.h"
 #include "support/free_port.h"
+#include "support/transport.h"
 
 namespace TQ::test {
 
@@ -92,7 +93,11 @@ bool Gate::Wait(std::chrono::milliseconds timeout) const {
   return opened.wait_for(guard, timeout, [this] { return open; });
 }
 
-void ShutdownWhileKnocking(uint16_t port) {
+_tag_TQ_ERROR ConnectTo(uint16_t port, char* nameOut, uint32_t nameOutSize) {
+  return TQConnect(HostText(port).c_str(), port, nameOut, nameOutSize, nullptr, 0);
+}
+
+_tag_TQ_ERROR ShutdownWhileKnocking(uint16_t port) {
   std::atomic<bool> over{false};
   std::thread knocker([port, &over] {
     while (!over) {
@@ -102,21 +107,26 @@ void ShutdownWhileKnocking(uint16_t port) {
       std::this_thread::sleep_for(std::chrono::milliseconds(2));
     }
   });
-  EXPECT_EQ(TQShutdown(), TQ_ERR_OK);
+  const _tag_TQ_ERROR code = TQShutdown();
   over = true;
   knocker.join();
+  EXPECT_EQ(code, TQ_ERR_OK);
+  return code;
 }
 
 // ---- SessionHost -------------------------------------------------------------------------------
 
 SessionHost::SessionHost() : port(FreePort()) {
-  if (TQInitialize("host", port, nullptr) != TQ_ERR_OK) {
+  if (TQInitializeEx(HostText(port).c_str(), "host", port, nullptr) != TQ_ERR_OK) {
     throw std::runtime_error("SessionHost: no initialisation");
   }
   running = true;
   TQConnectionReady();
-  if (!log.WaitForPrefix(TQ_LOG_INFO, "listening for incoming connection on :") ||
-      !log.WaitForPrefix(TQ_LOG_INFO, "ConnThread Pipe stopped")) {
+  const std::vector<const char*> started =
+      OverPipes()
+          ? std::vector{"ConnThread Pipe Startup", "Socket connection listener stopped"}
+          : std::vector{"ConnThread Pipe stopped", "listening for incoming connection on :"};
+  if (!log.WaitForPrefix(TQ_LOG_INFO, started[0]) || !log.WaitForPrefix(TQ_LOG_INFO, started[1])) {
     throw std::runtime_error("SessionHost: the library does not listen");
   }
 }
@@ -160,7 +170,7 @@ RawPeer SessionHost::Admit(const std::string& name, int receiveBuffer) {
   }
   if (!log.WaitFor(TQ_LOG_INFO, "Startup completed for " + name) ||
       !log.WaitFor(TQ_LOG_INFO, ConnectedLine(name)) ||
-      !log.WaitForCount(TQ_LOG_INFO, LAST_LINE, before + 1)) {
+      (!OverPipes() && !log.WaitForCount(TQ_LOG_INFO, LAST_LINE, before + 1))) {
     throw std::runtime_error("SessionHost: the session of " + name + " does not start");
   }
   return std::move(*peer);
@@ -168,8 +178,7 @@ RawPeer SessionHost::Admit(const std::string& name, int receiveBuffer) {
 
 RawPeer SessionHost::ConnectOut(RawListener& listener, const std::string& name) {
   std::atomic<int> result{1};
-  std::thread connector(
-      [&] { result = TQConnect("127.0.0.1", listener.Port(), nullptr, 0, nullptr, 0); });
+  std::thread connector([&] { result = ConnectTo(listener.Port()); });
   auto peer = listener.Accept();
   HandshakeResult handshake;
   if (peer) {

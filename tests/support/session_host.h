@@ -57,9 +57,12 @@ std::vector<std::string> SendingThreadLog(const LogRecorder& log, const std::str
 /// Waits until both threads of the session have logged their last lines.
 bool WaitForSessionEnd(const LogRecorder& log, const std::string& name);
 
-/// TQShutdown of a process that listens on `port`, without the wait of more than a second after
+/// TQConnect to what listens on `port`, by the transport of support/transport.h.
+_tag_TQ_ERROR ConnectTo(uint16_t port, char* nameOut = nullptr, uint32_t nameOutSize = 0);
+
+/// TQShutdown of a process that listens on `port`, without the wait, for pipes of 10 seconds, after
 /// which an idle listener looks for the stop.
-void ShutdownWhileKnocking(uint16_t port);
+_tag_TQ_ERROR ShutdownWhileKnocking(uint16_t port);
 
 /// The library in this process, initialised under the name "host" and listening.
 class SessionHost final {

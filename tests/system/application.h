@@ -31,6 +31,7 @@
 #include "support/free_port.h"
 #include "support/raw_peer.h"
 #include "support/session_host.h"
+#include "support/transport.h"
 #include "support/wait_until.h"
 
 namespace TQ::test {
@@ -154,7 +155,8 @@ inline void RegisterSlots() {
 ///   release                      lets HOLD_SLOT and MEET_SLOT go on; no answer
 ///   counts                       "sessions N messages N lists N"
 ///   shutdown                     "shut down CODE"
-inline void RunApplicationCommand(const std::string& line, std::vector<std::thread>* threads) {
+inline void RunApplicationCommand(const std::string& line, uint16_t listenPort,
+                                  std::vector<std::thread>* threads) {
   std::istringstream words(line);
   std::string verb, first, second;
   uint32_t slotId = 0;
@@ -166,10 +168,10 @@ inline void RunApplicationCommand(const std::string& line, std::vector<std::thre
     return made;
   };
   if (verb == "connect") {
-    int32_t port = 0;
+    uint16_t port = 0;
     words >> port;
     std::array<char, 256> name{};
-    const auto code = TQConnect("127.0.0.1", port, name.data(), name.size(), nullptr, 0);
+    const auto code = ConnectTo(port, name.data(), name.size());
     Say(code == TQ_ERR_OK ? std::string("connected ") + name.data()
                           : "refused " + std::to_string(code));
   } else if (verb == "disconnect") {
@@ -216,27 +218,27 @@ inline void RunApplicationCommand(const std::string& line, std::vector<std::thre
     Say("sessions " + std::to_string(counts.sessions) + " messages " +
         std::to_string(counts.messages) + " lists " + std::to_string(counts.paramLists));
   } else if (verb == "shutdown") {
-    Say("shut down " + std::to_string(TQShutdown()));
+    Say("shut down " + std::to_string(ShutdownWhileKnocking(listenPort)));
   } else {
     ADD_FAILURE() << "no such command: " << line;
   }
 }
 
 TQ_TEST_ROLE(application) {
-  const auto port = std::stoi(args.at(1));
+  const auto port = static_cast<uint16_t>(std::stoi(args.at(1)));
   application::RegisterSlots();
   _tag_TQLIMITS record{};
   record.size = sizeof record;
   record.IO_TIMEOUT_MS = 2000;
-  EXPECT_EQ(TQInitialize(args.at(0).c_str(), port, &record), TQ_ERR_OK);
+  EXPECT_EQ(TQInitializeEx(HostText(port).c_str(), args.at(0).c_str(), port, &record), TQ_ERR_OK);
   TQConnectionReady();
   Say("ready " + detail::localApplicationName.Copy());
   std::vector<std::thread> threads;
   while (const auto line = ReadCommand()) {
-    RunApplicationCommand(*line, &threads);
+    RunApplicationCommand(*line, port, &threads);
   }
   for (std::thread& thread : threads) thread.join();
-  TQShutdown();
+  ShutdownWhileKnocking(port);
   return 0;
 }
 
@@ -287,7 +289,8 @@ class LocalLibrary final {
     _tag_TQLIMITS record{};
     record.size = sizeof record;
     record.IO_TIMEOUT_MS = 2000;
-    if (TQInitialize(chosenName.c_str(), port, &record) != TQ_ERR_OK) {
+    if (TQInitializeEx(port != 0 ? HostText(port).c_str() : nullptr, chosenName.c_str(), port,
+                       &record) != TQ_ERR_OK) {
       throw std::runtime_error("LocalLibrary: no initialisation");
     }
     TQConnectionReady();
@@ -316,8 +319,7 @@ class LocalLibrary final {
   std::string ConnectTo(const Application& application) const {
     EXPECT_TRUE(WaitUntil([&] { return RawPeer::TryConnect(application.Port()).has_value(); }));
     std::array<char, 256> peer{};
-    EXPECT_EQ(TQConnect("127.0.0.1", application.Port(), peer.data(), peer.size(), nullptr, 0),
-              TQ_ERR_OK);
+    EXPECT_EQ(test::ConnectTo(application.Port(), peer.data(), peer.size()), TQ_ERR_OK);
     EXPECT_EQ(application.Name(), peer.data());
     EXPECT_EQ(CallText(peer.data(), ECHO_SLOT, 1), "x=1") << "from here on it knows us, too";
     return peer.data();

@@ -374,7 +374,7 @@ TQ_TEST_ROLE(callerOfABrokenPeer) {
     if (std::string(text).rfind("Sending thread finished for ", 0) == 0) over = true;
   });
   std::array<char, 256> peer{};
-  EXPECT_EQ(TQConnect("127.0.0.1", std::stoi(args.at(0)), peer.data(), peer.size(), nullptr, 0),
+  EXPECT_EQ(ConnectTo(static_cast<uint16_t>(std::stoi(args.at(0))), peer.data(), peer.size()),
             TQ_ERR_OK);
   const bool withCallback = args.at(1) == "callback";
   std::thread caller;
@@ -426,7 +426,7 @@ TQ_TEST_ROLE(callerInACallback) {
         [](const char* name, const char*, int32_t, const char*) { callBack(name); });
   }
   std::array<char, 256> peer{};
-  EXPECT_EQ(TQConnect("127.0.0.1", std::stoi(args.at(0)), peer.data(), peer.size(), nullptr, 0),
+  EXPECT_EQ(ConnectTo(static_cast<uint16_t>(std::stoi(args.at(0))), peer.data(), peer.size()),
             TQ_ERR_OK);
   if (args.at(1) == "completion") {
     TQNotify(

@@ -167,7 +167,7 @@ TEST(ShutdownHere, StopsEverySessionWithinItsTime) {
 TQ_TEST_ROLE(connectAndReturn) {
   TQInitialize("hasty", 0, nullptr);
   std::array<char, 256> peer{};
-  EXPECT_EQ(TQConnect("127.0.0.1", std::stoi(args.at(0)), peer.data(), peer.size(), nullptr, 0),
+  EXPECT_EQ(ConnectTo(static_cast<uint16_t>(std::stoi(args.at(0))), peer.data(), peer.size()),
             TQ_ERR_OK);
   Say("connected");
   AwaitCommand("return");
@@ -193,7 +193,7 @@ TQ_TEST_ROLE(connectShutDownAndReturn) {
     TQInitialize("tidy", 0, nullptr);
     std::array<char, 256> peer{};
     EXPECT_TRUE(WaitUntil([&] {
-      return TQConnect("127.0.0.1", std::stoi(args.at(0)), peer.data(), peer.size(), nullptr, 0) ==
+      return ConnectTo(static_cast<uint16_t>(std::stoi(args.at(0))), peer.data(), peer.size()) ==
              TQ_ERR_OK;
     }));
     EXPECT_EQ(CallText(peer.data(), 9, 1), "x=5");

@@ -46,7 +46,7 @@ TQ_TEST_ROLE(neighbour) {
   char hostName[256] = {};
   if (TQInitialize("neighbour", 0, nullptr) != TQ_ERR_OK) return 1;
   TQRegisterSlot(NEIGHBOUR_SLOT, &AddOne, nullptr);
-  if (TQConnect("127.0.0.1", std::stoi(args.at(0)), hostName, sizeof hostName, nullptr, 0) !=
+  if (ConnectTo(static_cast<uint16_t>(std::stoi(args.at(0))), hostName, sizeof hostName) !=
       TQ_ERR_OK) {
     return 2;
   }

@@ -57,8 +57,7 @@ TQ_TEST_ROLE(partner) {
     EXPECT_TRUE(release.Wait(milliseconds{40000}));
   });
   char name[256] = {};
-  EXPECT_EQ(TQConnect("127.0.0.1", std::stoi(args.at(0)), name, sizeof name, nullptr, 0),
-            TQ_ERR_OK);
+  EXPECT_EQ(ConnectTo(static_cast<uint16_t>(std::stoi(args.at(0))), name, sizeof name), TQ_ERR_OK);
   Say("connected to " + std::string(name));
   while (const auto command = ReadCommand()) {
     if (*command == "call") {
@@ -397,8 +396,7 @@ TQ_TEST_ROLE(blockedCaller) {
   LogRecorder log;
   EXPECT_EQ(TQInitialize("caller", 0, nullptr), TQ_ERR_OK);
   char name[256] = {};
-  EXPECT_EQ(TQConnect("127.0.0.1", std::stoi(args.at(0)), name, sizeof name, nullptr, 0),
-            TQ_ERR_OK);
+  EXPECT_EQ(ConnectTo(static_cast<uint16_t>(std::stoi(args.at(0))), name, sizeof name), TQ_ERR_OK);
   const SessionRef session = FindSession(name);
   const auto call = [&](uint32_t slotId) {
     const _tag_HTQPARAMLIST result = TQCall(name, slotId, {nullptr});

@@ -267,7 +267,7 @@ constexpr uint32_t SLOT = 42;
 // Reaches the parent's listener, calls its slot on a thread and tells how that goes.
 TQ_TEST_ROLE(callAndReport) {
   const int32_t port = std::stoi(args.at(0));
-  EXPECT_EQ(TQConnect("127.0.0.1", port, nullptr, 0, nullptr, 0), TQ_ERR_OK);
+  EXPECT_EQ(ConnectTo(port), TQ_ERR_OK);
   std::atomic<bool> returned{false};
   std::thread caller([&] {
     const _tag_HTQPARAMLIST result = TQCall(PEER, SLOT, {nullptr});
@@ -338,7 +338,7 @@ TEST(ReceiveMessageEarly, ReplyReleasesTheCallerOnlyWhenItsListIsWritten) {
     ASSERT_TRUE(peer);
     EXPECT_TRUE(peer->HandshakeAsAcceptor(PEER).Completed());
   });
-  ASSERT_EQ(TQConnect("127.0.0.1", listener.Port(), nullptr, 0, nullptr, 0), TQ_ERR_OK);
+  ASSERT_EQ(ConnectTo(listener.Port()), TQ_ERR_OK);
   acceptor.join();
 
   const Bytes value = Pattern(LARGE);

@@ -1,5 +1,5 @@
 // The library's MD5 against the vectors of RFC 1321 and against the tests' own implementation.
-#include "session/md5.h"
+#include "frame/md5.h"
 
 #include <gtest/gtest.h>
 

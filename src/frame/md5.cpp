@@ -1,4 +1,4 @@
-#include "session/md5.h"
+#include "frame/md5.h"
 
 #include "frame/little_endian.h"
 

@@ -1,0 +1,128 @@
+// Named pipes as a peer sees them on the wire of this platform, without any code of the library.
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstddef>
+#include <cstring>
+#include <thread>
+
+#include "support/bytes.h"
+#include "support/md5.h"
+#include "support/platform.h"
+
+namespace TQ::test::platform {
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+using Milliseconds = std::chrono::milliseconds;
+
+struct Address {
+  sockaddr_un bytes{};
+  socklen_t length = sizeof(sockaddr_un);
+
+  Address() = default;
+  explicit Address(const std::string& abstractName) {
+    bytes.sun_family = AF_UNIX;
+    std::memcpy(bytes.sun_path + 1, abstractName.data(), abstractName.size());
+    length = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + 1 + abstractName.size());
+  }
+
+  sockaddr* Get() { return reinterpret_cast<sockaddr*>(&bytes); }
+  std::string Name() const {
+    constexpr size_t BEFORE = offsetof(sockaddr_un, sun_path) + 1;
+    return length > BEFORE ? std::string(bytes.sun_path + 1, length - BEFORE) : std::string();
+  }
+};
+
+std::string AbstractName(const std::string& pipeName) {
+  const size_t begin = pipeName.find_first_not_of('\\');
+  const std::string key = begin == std::string::npos ? std::string() : pipeName.substr(begin);
+  if (key.size() <= 99) {
+    return "tq.pipe:" + key;
+  }
+  std::string hex;
+  for (const uint8_t byte : Md5(ToBytes(key))) {
+    hex += "0123456789abcdef"[byte / 16];
+    hex += "0123456789abcdef"[byte % 16];
+  }
+  return "tq.pipe#" + hex;
+}
+
+int MakeSocket() { return socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0); }
+
+bool WaitReadable(int descriptor, Clock::time_point end) {
+  for (;;) {
+    const auto left = std::chrono::ceil<Milliseconds>(end - Clock::now()).count();
+    pollfd entry{descriptor, POLLIN, 0};
+    const int ready = poll(&entry, 1, left > 0 ? static_cast<int>(left) : 0);
+    if (ready > 0) {
+      return true;
+    }
+    if (ready == 0 || errno != EINTR) {
+      return false;
+    }
+  }
+}
+
+bool BindAsPeer(int descriptor, Handle companion) {
+  Address own;
+  if (companion == NO_HANDLE) {
+    own.bytes.sun_family = AF_UNIX;
+    own.length = sizeof(sa_family_t);
+  } else {
+    Address first;
+    if (getsockname(static_cast<int>(companion), first.Get(), &first.length) != 0) {
+      return false;
+    }
+    own = Address("tq.peer:" + first.Name());
+  }
+  return bind(descriptor, own.Get(), own.length) == 0;
+}
+
+}  // namespace
+
+Handle ListenPipe(const std::string& pipeName) {
+  const int made = MakeSocket();
+  Address address(AbstractName(pipeName));
+  if (made >= 0 && bind(made, address.Get(), address.length) == 0 && listen(made, 0) == 0) {
+    return made;
+  }
+  close(made);
+  return NO_HANDLE;
+}
+
+Handle AcceptPipe(Handle listener, Milliseconds timeout, bool granted) {
+  const auto end = Clock::now() + timeout;
+  for (;;) {
+    const int accepted =
+        accept4(static_cast<int>(listener), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
+    if (accepted >= 0) {
+      if (!granted || send(accepted, "g", 1, MSG_NOSIGNAL) == 1) {
+        return accepted;
+      }
+      close(accepted);
+    } else if (errno != EINTR && !WaitReadable(static_cast<int>(listener), end)) {
+      return NO_HANDLE;
+    }
+  }
+}
+
+Handle OpenPipe(const std::string& pipeName, Handle companion, Milliseconds timeout) {
+  const auto end = Clock::now() + timeout;
+  const int made = MakeSocket();
+  Address address(AbstractName(pipeName));
+  char grant = 0;
+  if (made >= 0 && BindAsPeer(made, companion) &&
+      connect(made, address.Get(), address.length) == 0 && WaitReadable(made, end) &&
+      recv(made, &grant, 1, 0) == 1) {
+    return made;
+  }
+  close(made);
+  return NO_HANDLE;
+}
+
+}  // namespace TQ::test::platform
