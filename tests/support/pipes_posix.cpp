@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <cstddef>
 #include <cstring>
+#include <fstream>
 #include <thread>
 
 #include "support/bytes.h"
@@ -109,6 +110,20 @@ Handle AcceptPipe(Handle listener, Milliseconds timeout, bool granted) {
       return NO_HANDLE;
     }
   }
+}
+
+bool PipeListens(const std::string& pipeName) {
+  // Each line has the flags of a socket, of which this one stands for listening, and its name last.
+  const std::string name = " @" + AbstractName(pipeName);
+  std::ifstream table("/proc/self/net/unix");
+  for (std::string line; std::getline(table, line);) {
+    const bool named = line.size() > name.size() &&
+                       line.compare(line.size() - name.size(), name.size(), name) == 0;
+    if (named && line.find(" 00010000 ") != std::string::npos) {
+      return true;
+    }
+  }
+  return false;
 }
 
 Handle OpenPipe(const std::string& pipeName, Handle companion, Milliseconds timeout) {

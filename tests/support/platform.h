@@ -107,6 +107,9 @@ Handle AcceptPipe(Handle listener, std::chrono::milliseconds timeout, bool grant
 /// connection that was opened before.
 Handle OpenPipe(const std::string& pipeName, Handle companion, std::chrono::milliseconds timeout);
 
+/// True while the pipe waits for its peer. Unlike an attempt to open it this disturbs nobody.
+bool PipeListens(const std::string& pipeName);
+
 // ---- processes ---------------------------------------------------------------------------------
 
 /// A child that runs this process's own executable.

@@ -79,28 +79,6 @@ Bytes ReplyBytes(uint32_t id, const RawList& list) {
 
 // ---- the connection ----------------------------------------------------------------------------
 
-namespace {
-
-// The first pipe decides whether there is a listener; from then on it waits for this peer alone.
-std::optional<RawPeer> TryConnectPipes(const std::string& name) {
-  const auto inbound = platform::OpenPipe(name + "_in", platform::NO_HANDLE, DEFAULT_DEADLINE);
-  if (inbound == platform::NO_HANDLE) {
-    return std::nullopt;
-  }
-  auto outbound = platform::NO_HANDLE;
-  const bool opened = WaitUntil([&] {
-    outbound = platform::OpenPipe(name + "_out", inbound, DEFAULT_DEADLINE);
-    return outbound != platform::NO_HANDLE;
-  });
-  if (!opened) {
-    platform::CloseSocket(inbound);
-    return std::nullopt;
-  }
-  return RawPeer(outbound, inbound, name + "_out", name + "_in");
-}
-
-}  // namespace
-
 std::optional<RawPeer> RawPeer::TryConnect(uint16_t port, int receiveBuffer) {
   if (OverPipes()) {
     return TryConnectPipes(PipeName(port));
@@ -110,6 +88,24 @@ std::optional<RawPeer> RawPeer::TryConnect(uint16_t port, int receiveBuffer) {
     return std::nullopt;
   }
   return RawPeer(connected);
+}
+
+// The first pipe decides whether there is a listener; from then on it waits for this peer alone.
+std::optional<RawPeer> RawPeer::TryConnectPipes(const std::string& pipeName) {
+  const auto inbound = platform::OpenPipe(pipeName + "_in", platform::NO_HANDLE, DEFAULT_DEADLINE);
+  if (inbound == platform::NO_HANDLE) {
+    return std::nullopt;
+  }
+  auto outbound = platform::NO_HANDLE;
+  const bool opened = WaitUntil([&] {
+    outbound = platform::OpenPipe(pipeName + "_out", inbound, DEFAULT_DEADLINE);
+    return outbound != platform::NO_HANDLE;
+  });
+  if (!opened) {
+    platform::CloseSocket(inbound);
+    return std::nullopt;
+  }
+  return RawPeer(outbound, inbound, pipeName + "_out", pipeName + "_in");
 }
 
 std::optional<RawPeer> RawPeer::Connect(uint16_t port, Milliseconds timeout, int receiveBuffer) {
@@ -248,6 +244,12 @@ void RawPeer::ShutdownWrite() {
     platform::CloseSocket(std::exchange(writeSocket, platform::NO_HANDLE));
   } else if (IsOpen()) {
     platform::ShutdownWrite(socket);
+  }
+}
+
+void RawPeer::CloseReadPipe() {
+  if (socket != writeSocket) {
+    platform::CloseSocket(std::exchange(socket, platform::NO_HANDLE));
   }
 }
 

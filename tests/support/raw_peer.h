@@ -128,6 +128,9 @@ class RawPeer final {
   /// One attempt.
   static std::optional<RawPeer> TryConnect(uint16_t port, int receiveBuffer = 0);
 
+  /// One attempt over the pipes of this name, whatever the transport of the test.
+  static std::optional<RawPeer> TryConnectPipes(const std::string& pipeName);
+
   /// Takes over a connected socket.
   explicit RawPeer(platform::Handle connected);
 
@@ -167,6 +170,10 @@ class RawPeer final {
 
   /// No more bytes go out; the other side sees an orderly end, and reading goes on.
   void ShutdownWrite();
+
+  /// Closes the pipe that is read, so that the other side's writes fail; writing goes on. Nothing
+  /// that a socket could do.
+  void CloseReadPipe();
 
   /// Orderly close, unless unread bytes make the system break the connection.
   void Close();

@@ -60,6 +60,10 @@ std::string SendingEnd(const std::string& name) {
   return "Sending thread finished for " + name + ":";
 }
 
+// The socket listener's last line about a peer. The pipe listener has none.
+constexpr const char* LISTENER_DONE =
+    "ConnectionThread. Initialization of new connection is completed.";
+
 }  // namespace
 
 std::vector<std::string> ReceivingThreadLog(const LogRecorder& log, const std::string& name) {
@@ -91,27 +95,6 @@ bool Gate::IsOpen() const {
 bool Gate::Wait(std::chrono::milliseconds timeout) const {
   std::unique_lock guard(lock);
   return opened.wait_for(guard, timeout, [this] { return open; });
-}
-
-_tag_TQ_ERROR ConnectTo(uint16_t port, char* nameOut, uint32_t nameOutSize) {
-  return TQConnect(HostText(port).c_str(), port, nameOut, nameOutSize, nullptr, 0);
-}
-
-_tag_TQ_ERROR ShutdownWhileKnocking(uint16_t port) {
-  std::atomic<bool> over{false};
-  std::thread knocker([port, &over] {
-    while (!over) {
-      if (detail::StopAllRequested()) {
-        (void)RawPeer::TryConnect(port);
-      }
-      std::this_thread::sleep_for(std::chrono::milliseconds(2));
-    }
-  });
-  const _tag_TQ_ERROR code = TQShutdown();
-  over = true;
-  knocker.join();
-  EXPECT_EQ(code, TQ_ERR_OK);
-  return code;
 }
 
 // ---- SessionHost -------------------------------------------------------------------------------
@@ -157,9 +140,7 @@ void SessionHost::Shutdown() {
 }
 
 RawPeer SessionHost::Admit(const std::string& name, int receiveBuffer) {
-  constexpr const char* LAST_LINE =
-      "ConnectionThread. Initialization of new connection is completed.";
-  const size_t before = log.CountOf(LAST_LINE);
+  const size_t before = log.CountOf(LISTENER_DONE);
   auto peer = RawPeer::Connect(port, DEFAULT_DEADLINE, receiveBuffer);
   if (!peer) {
     throw std::runtime_error("SessionHost: no connection for " + name);
@@ -170,7 +151,7 @@ RawPeer SessionHost::Admit(const std::string& name, int receiveBuffer) {
   }
   if (!log.WaitFor(TQ_LOG_INFO, "Startup completed for " + name) ||
       !log.WaitFor(TQ_LOG_INFO, ConnectedLine(name)) ||
-      (!OverPipes() && !log.WaitForCount(TQ_LOG_INFO, LAST_LINE, before + 1))) {
+      !log.WaitForCount(TQ_LOG_INFO, LISTENER_DONE, before + TimesOfASocket(1))) {
     throw std::runtime_error("SessionHost: the session of " + name + " does not start");
   }
   return std::move(*peer);
@@ -189,6 +170,12 @@ RawPeer SessionHost::ConnectOut(RawListener& listener, const std::string& name) 
     throw std::runtime_error("SessionHost: no way to " + name + ": " + handshake.failure);
   }
   return std::move(*peer);
+}
+
+bool SessionHost::WaitForAdmission(const std::string& name) const {
+  return log.WaitFor(TQ_LOG_INFO, "Startup completed for " + name) &&
+         log.WaitForCount(TQ_LOG_INFO, LISTENER_DONE,
+                          log.CountOf("ConnectionThread. Accepting new connection"));
 }
 
 std::thread::id SessionHost::ReceivingThread(const std::string& name) const {

@@ -25,6 +25,7 @@
 #include <thread>
 #include <vector>
 
+#include "support/host_calls.h"
 #include "support/log_recorder.h"
 #include "support/raw_peer.h"
 #include "support/wait_until.h"
@@ -56,13 +57,6 @@ std::vector<std::string> SendingThreadLog(const LogRecorder& log, const std::str
 
 /// Waits until both threads of the session have logged their last lines.
 bool WaitForSessionEnd(const LogRecorder& log, const std::string& name);
-
-/// TQConnect to what listens on `port`, by the transport of support/transport.h.
-_tag_TQ_ERROR ConnectTo(uint16_t port, char* nameOut = nullptr, uint32_t nameOutSize = 0);
-
-/// TQShutdown of a process that listens on `port`, without the wait, for pipes of 10 seconds, after
-/// which an idle listener looks for the stop.
-_tag_TQ_ERROR ShutdownWhileKnocking(uint16_t port);
 
 /// The library in this process, initialised under the name "host" and listening.
 class SessionHost final {
@@ -98,6 +92,10 @@ class SessionHost final {
   std::vector<std::string> SendingThreadLog(const std::string& name) const {
     return test::SendingThreadLog(log, name);
   }
+
+  /// Waits for the last line of the listener about the admission of the peer. After it only the
+  /// session's threads have something to say, if no other peer comes.
+  bool WaitForAdmission(const std::string& name) const;
 
   /// The threads of the session by what they have logged; the default id if they have not.
   std::thread::id ReceivingThread(const std::string& name) const;
