@@ -37,6 +37,7 @@
 #include "support/raw_peer.h"
 #include "support/session_host.h"
 #include "support/thread_faults.h"
+#include "support/transport.h"
 #include "support/wait_until.h"
 #include "transport/listener_settings.h"
 
@@ -126,6 +127,23 @@ _tag_TQLIMITS EmptyRecord() {
 bool Admits(uint16_t port, const std::string& name) {
   auto peer = RawPeer::Connect(port);
   return peer && peer->HandshakeAsConnector(name).Completed();
+}
+
+bool AdmitsOverPipes(const std::string& pipe, const std::string& name) {
+  std::optional<RawPeer> peer;
+  return WaitUntil([&] {
+           peer = RawPeer::TryConnectPipes(pipe);
+           return peer.has_value();
+         }) &&
+         peer->HandshakeAsConnector(name).Completed();
+}
+
+// A shutdown that need not wait for the listeners of these pipes, and of the port.
+void ShutdownWhileKnockingAt(const std::vector<std::string>& pipes, uint16_t port = 0) {
+  ShutdownWhile([&] {
+    for (const std::string& pipe : pipes) (void)RawPeer::TryConnectPipes(pipe);
+    if (port != 0) (void)RawPeer::TryConnect(port);
+  });
 }
 
 // ---- the name and the log ----------------------------------------------------------------------
@@ -707,17 +725,21 @@ TEST(Initialize, StartsThreeThreadsAlsoWithPortZero) {
 TEST(InitializeEx, WithAPipeHostDefinesNoSocketListener) {
   g_hostName = "machine";
   LogRecorder log;
-  EXPECT_EQ(TQInitializeEx("\\orders", "app", 4711, nullptr), TQ_ERR_OK);
-  EXPECT_EQ(LinesOf(log).at(0), "8 Initializing with: host=\\orders port=4711");
+  const std::string pipe = PipeName(FreePort());
+  EXPECT_EQ(TQInitializeEx(("\\" + pipe).c_str(), "app", 4711, nullptr), TQ_ERR_OK);
+  EXPECT_EQ(LinesOf(log).at(0), "8 Initializing with: host=\\" + pipe + " port=4711");
   EXPECT_EQ(ApplicationName(), "machine:4711/app") << "the port counts through the name";
-  EXPECT_EQ(connPipeThreadInfo->pipeName.Copy(), "orders");
+  EXPECT_EQ(connPipeThreadInfo->pipeName.Copy(), pipe);
   EXPECT_EQ(ListenAddress(), "");
   EXPECT_TRUE(AddressIsCleared());
+  EXPECT_FALSE(RawPeer::TryConnectPipes(pipe)) << "it waits at its gate";
   TQConnectionReady();
   EXPECT_TRUE(log.WaitFor(TQ_LOG_INFO, NO_SOCKET_LISTENER));
   EXPECT_TRUE(log.WaitFor(TQ_LOG_INFO, "ConnThread Pipe Startup"));
-  EXPECT_TRUE(log.WaitFor(TQ_LOG_INFO, NO_PIPE_LISTENER));
-  TQShutdown();
+  EXPECT_TRUE(AdmitsOverPipes(pipe, PEER));
+  ShutdownWhileKnockingAt({pipe});
+  EXPECT_EQ(log.CountOf(NO_PIPE_LISTENER), 0u);
+  EXPECT_EQ(log.CountOf("ConnThread Shutdown"), 1u);
 }
 
 TEST(InitializeEx, DropsOneBackslashOfAPipeHost) {
@@ -833,23 +855,27 @@ TEST(StartListeners, WithPortZeroDefinesAListenerAllTheSame) {
 
 TEST(StartListeners, WithAPipeHostDefinesNoSocketListener) {
   LogRecorder log;
+  const std::string pipe = PipeName(FreePort());
   EXPECT_EQ(TQInitialize("app", 4711, nullptr), TQ_ERR_OK);
-  EXPECT_EQ(TQStartListeners(nullptr, "\\orders", 4712), TQ_ERR_OK);
+  EXPECT_EQ(TQStartListeners(nullptr, ("\\" + pipe).c_str(), 4712), TQ_ERR_OK);
   EXPECT_EQ(ListenAddress(), "");
   EXPECT_TRUE(AddressIsCleared());
-  EXPECT_EQ(connPipeThreadInfo->pipeName.Copy(), "orders");
+  EXPECT_EQ(connPipeThreadInfo->pipeName.Copy(), pipe);
   EXPECT_TRUE(log.WaitFor(TQ_LOG_INFO, NO_SOCKET_LISTENER));
-  TQShutdown();
+  EXPECT_TRUE(AdmitsOverPipes(pipe, PEER));
+  ShutdownWhileKnockingAt({pipe});
 }
 
 TEST(StartListeners, WithAnAddressLeavesThePipeNameAlone) {
-  EXPECT_EQ(TQInitializeEx("\\orders", "app", 0, nullptr), TQ_ERR_OK);
+  const std::string pipe = PipeName(FreePort());
+  EXPECT_EQ(TQInitializeEx(("\\" + pipe).c_str(), "app", 0, nullptr), TQ_ERR_OK);
   const uint16_t port = FreePort();
   EXPECT_EQ(TQStartListeners(nullptr, "127.0.0.1", port), TQ_ERR_OK);
-  EXPECT_EQ(connPipeThreadInfo->pipeName.Copy(), "orders");
+  EXPECT_EQ(connPipeThreadInfo->pipeName.Copy(), pipe);
   EXPECT_TRUE(Admits(port, PEER));
-  ShutdownWhileKnocking(port);
-  EXPECT_EQ(connPipeThreadInfo->pipeName.Copy(), "orders") << "nor does a shutdown clear it";
+  EXPECT_TRUE(AdmitsOverPipes(pipe, "test:1/another"));
+  ShutdownWhileKnockingAt({pipe}, port);
+  EXPECT_EQ(connPipeThreadInfo->pipeName.Copy(), pipe) << "nor does a shutdown clear it";
 }
 
 TEST(StartListeners, ChangesNothingForAListenerThatHasPassedItsGate) {
@@ -1074,18 +1100,22 @@ TEST(Shutdown, ResetsNothingElse) {
 }
 
 TEST(SecondLife, KeepsThePipeNameOfTheFirstUnlessItBringsItsOwn) {
-  EXPECT_EQ(TQInitializeEx("\\orders", "app", 0, nullptr), TQ_ERR_OK);
+  const std::string orders = PipeName(FreePort());
+  const std::string stock = PipeName(FreePort());
+  EXPECT_EQ(TQInitializeEx(("\\" + orders).c_str(), "app", 0, nullptr), TQ_ERR_OK);
   TQShutdown();
   EXPECT_EQ(TQInitialize("app", 0, nullptr), TQ_ERR_OK);
-  EXPECT_EQ(connPipeThreadInfo->pipeName.Copy(), "orders") << "in a life without any listener";
-  TQShutdown();
+  EXPECT_EQ(connPipeThreadInfo->pipeName.Copy(), orders) << "in a life that names no listener";
+  EXPECT_TRUE(AdmitsOverPipes(orders, PEER));
+  ShutdownWhileKnockingAt({orders});
   const uint16_t port = FreePort();
   EXPECT_EQ(TQInitialize("app", port, nullptr), TQ_ERR_OK);
-  EXPECT_EQ(connPipeThreadInfo->pipeName.Copy(), "orders") << "in a life with a socket listener";
-  ShutdownWhileKnocking(port);
-  EXPECT_EQ(TQInitializeEx("\\stock", "app", 0, nullptr), TQ_ERR_OK);
-  EXPECT_EQ(connPipeThreadInfo->pipeName.Copy(), "stock");
-  TQShutdown();
+  EXPECT_EQ(connPipeThreadInfo->pipeName.Copy(), orders) << "in a life with a socket listener";
+  ShutdownWhileKnockingAt({orders}, port);
+  EXPECT_EQ(TQInitializeEx(("\\" + stock).c_str(), "app", 0, nullptr), TQ_ERR_OK);
+  EXPECT_EQ(connPipeThreadInfo->pipeName.Copy(), stock);
+  // The gates are open: the listener may have passed before the new name was there.
+  ShutdownWhileKnockingAt({orders, stock});
 }
 
 TEST(SecondLife, ServesSessionsLikeTheFirst) {
