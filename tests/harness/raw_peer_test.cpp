@@ -3,21 +3,43 @@
 #include "support/free_port.h"
 #include "support/hex.h"
 #include "support/loopback_pair.h"
+#include "support/transport.h"
 
 #include <gtest/gtest.h>
 
+#include <optional>
+#include <stdexcept>
 #include <thread>
+#include <utility>
 
 namespace TQ::test {
 namespace {
 
 using std::chrono::milliseconds;
 
-// A connection between two peers.
-struct Pair {
-  Pair() : left(pair.TakeNear()), right(pair.TakeFar()) {}
+using Ends = std::pair<RawPeer, RawPeer>;
 
-  LoopbackPair pair;
+Ends ConnectSockets(int bufferSize) {
+  LoopbackPair pair(bufferSize);
+  RawPeer left(pair.TakeNear());
+  return {std::move(left), pair.TakeFarAsPeer()};
+}
+
+Ends ConnectPipes() {
+  RawListener listener(FreePort());
+  std::optional<RawPeer> left;
+  std::thread connector([&] { left = RawPeer::Connect(listener.Port()); });
+  auto right = listener.Accept();
+  connector.join();
+  return {std::move(left.value()), std::move(right.value())};
+}
+
+// A connection between two peers. A buffer size above 0 is for sockets.
+struct Pair {
+  explicit Pair(int bufferSize = 0)
+      : Pair(OverPipes() ? ConnectPipes() : ConnectSockets(bufferSize)) {}
+  explicit Pair(Ends&& ends) : left(std::move(ends.first)), right(std::move(ends.second)) {}
+
   RawPeer left;
   RawPeer right;
 };
@@ -57,9 +79,78 @@ TEST(RawPeer, ConnectsOnceSomeoneListens) {
   connector.join();
   ASSERT_TRUE(peer);
   ASSERT_TRUE(accepted);
-  EXPECT_EQ(peer->LocalAddress(), accepted->RemoteAddress());
-  EXPECT_EQ(peer->RemoteAddress(), "127.0.0.1:" + std::to_string(port));
   EXPECT_FALSE(listener.Accept(milliseconds{10}));
+}
+
+TEST(RawPeerOverTcp, HasTheAddressesOfItsEnds) {
+  RawListener listener(FreePort());
+  const auto peer = RawPeer::Connect(listener.Port());
+  const auto accepted = listener.Accept();
+  ASSERT_TRUE(peer && accepted);
+  EXPECT_EQ(peer->LocalAddress(), "127.0.0.1:" + std::to_string(peer->LocalPort()));
+  EXPECT_EQ(peer->RemoteAddress(), "127.0.0.1:" + std::to_string(listener.Port()));
+  EXPECT_EQ(accepted->LocalAddress(), peer->RemoteAddress());
+  EXPECT_EQ(accepted->RemoteAddress(), peer->LocalAddress());
+}
+
+TEST(RawPeerOverPipes, HasTheNamesThatTheOtherSideGivesItsPipes) {
+  const uint16_t port = FreePort();
+  RawListener listener(port);
+  std::optional<RawPeer> peer;
+  std::thread connector([&] { peer = RawPeer::Connect(port); });
+  const auto accepted = listener.Accept();
+  connector.join();
+  ASSERT_TRUE(peer && accepted);
+  // An accepting side has names without a backslash and reads what is written to "_in".
+  EXPECT_EQ(peer->LocalAddress(), PipeName(port) + "_out");
+  EXPECT_EQ(peer->RemoteAddress(), PipeName(port) + "_in");
+  EXPECT_EQ(accepted->LocalAddress(), "\\" + PipeName(port) + "_in");
+  EXPECT_EQ(accepted->RemoteAddress(), "\\" + PipeName(port) + "_out");
+}
+
+TEST(RawPeerOverPipes, AreTakenOneAtATime) {
+  RawListener listener(FreePort());
+  for (uint8_t round = 1; round <= 3; ++round) {
+    std::optional<RawPeer> peer;
+    std::thread connector([&] { peer = RawPeer::Connect(listener.Port()); });
+    auto accepted = listener.Accept();
+    connector.join();
+    ASSERT_TRUE(peer && accepted);
+    EXPECT_TRUE(peer->SendBytes({round}));
+    EXPECT_EQ(accepted->ReceiveExactly(1), Bytes{round});
+  }
+}
+
+TEST(RawPeerOverPipes, TakeTheirNamesAlone) {
+  const uint16_t port = FreePort();
+  EXPECT_FALSE(platform::PipeListens(PipeName(port) + "_in"));
+  {
+    const RawListener listener(port);
+    EXPECT_TRUE(platform::PipeListens(PipeName(port) + "_in"));
+    EXPECT_TRUE(platform::PipeListens(PipeName(port) + "_out"));
+    EXPECT_FALSE(platform::PipeListens(PipeName(port)));
+    EXPECT_THROW(RawListener{port}, std::runtime_error);
+  }
+  EXPECT_FALSE(platform::PipeListens(PipeName(port) + "_in"));
+}
+
+TEST(RawPeerOverPipes, GoOnWritingWithoutThePipeThatTheyRead) {
+  Pair pair;
+  pair.left.CloseReadPipe();
+  EXPECT_FALSE(pair.left.IsOpen());
+  EXPECT_FALSE(pair.right.SendBytes({1}));
+  EXPECT_TRUE(pair.left.SendBytes({7}));
+  EXPECT_EQ(pair.right.ReceiveExactly(1), Bytes{7});
+  pair.left.Close();
+  EXPECT_TRUE(pair.right.WaitClosed());
+}
+
+TEST(RawPeerOverPipes, HaveOnlyACloseForABreak) {
+  Pair pair;
+  pair.left.Reset();
+  EXPECT_TRUE(pair.right.WaitClosed());
+  EXPECT_FALSE(pair.right.WasReset());
+  EXPECT_FALSE(pair.right.SendBytes({1}));
 }
 
 TEST(RawPeer, CarriesBytesInBothDirections) {
@@ -80,9 +171,8 @@ TEST(RawPeer, GivesUpReceivingWhenTheTimeIsOver) {
 }
 
 TEST(RawPeer, GivesUpSendingToAPeerThatDoesNotRead) {
-  LoopbackPair small(4096);
-  RawPeer left(small.TakeNear());
-  EXPECT_FALSE(left.SendBytes(Bytes(size_t{4} * 1024 * 1024), milliseconds{50}));
+  Pair small(4096);
+  EXPECT_FALSE(small.left.SendBytes(Bytes(size_t{4} * 1024 * 1024), milliseconds{50}));
 }
 
 TEST(RawPeer, TellsSilenceFromBytesAndFromAClose) {
@@ -104,7 +194,7 @@ TEST(RawPeer, SeesAnOrderlyClose) {
   EXPECT_FALSE(pair.right.WasReset());
 }
 
-TEST(RawPeer, SeesABrokenConnection) {
+TEST(RawPeerOverTcp, SeesABrokenConnection) {
   Pair pair;
   pair.left.Reset();
   EXPECT_TRUE(pair.right.WaitClosed());
@@ -228,7 +318,7 @@ TEST(RawHandshake, SendsGivenBytesInsteadOfItsOwn) {
 
 TEST(RawHandshake, TellsTheStepThatFailed) {
   Pair pair;
-  pair.right.Close();
+  pair.right.ShutdownWrite();
   const HandshakeResult result = pair.left.HandshakeAsConnector("a:1/b");
   EXPECT_FALSE(result.Completed());
   EXPECT_EQ(result.stepsDone, 1);

@@ -1,8 +1,10 @@
 // The raw peer against the library itself: both sides of a handshake and a frame of each kind. What
 // the library does with a peer's mistakes is tested where the library's parts are tested.
 #include "support/free_port.h"
+#include "support/host_calls.h"
 #include "support/log_recorder.h"
 #include "support/raw_peer.h"
+#include "support/transport.h"
 
 #include <tq/tq.h>
 
@@ -22,13 +24,13 @@ class RawPeerWithLibrary : public testing::Test {
  protected:
   void SetUp() override {
     port = FreePort();
-    ASSERT_EQ(TQInitialize("server", port, nullptr), TQ_ERR_OK);
+    ASSERT_EQ(TQInitializeEx(HostText(port).c_str(), "server", port, nullptr), TQ_ERR_OK);
     ASSERT_EQ(TQRegisterSlot(ADD_SLOT, &Add, nullptr), TQ_ERR_OK);
     ASSERT_EQ(TQSetAuthenticationInfo(block.data(), static_cast<int32_t>(block.size())), TQ_ERR_OK);
     ASSERT_EQ(TQConnectionReady(), TQ_ERR_OK);
   }
 
-  void TearDown() override { EXPECT_EQ(TQShutdown(), TQ_ERR_OK); }
+  void TearDown() override { ShutdownWhileKnocking(port); }
 
   static int Add(_tag_HTQPARAMLIST params, _tag_HTQPARAMLIST result, const TQSlotCallInfo*) {
     TQSetInt32Value(result, "sum", TQGetInt32Value(params, "a") + TQGetInt32Value(params, "b"));
@@ -77,7 +79,8 @@ TEST_F(RawPeerWithLibrary, AcceptsANotificationAndACall) {
   RawListener listener(FreePort());
   char name[256] = "";
   auto connected = std::async(std::launch::async, [&] {
-    return TQConnect("127.0.0.1", listener.Port(), name, sizeof name, block.data(), 256);
+    return TQConnect(HostText(listener.Port()).c_str(), listener.Port(), name, sizeof name,
+                     block.data(), 256);
   });
   auto peer = listener.Accept();
   ASSERT_TRUE(peer);
