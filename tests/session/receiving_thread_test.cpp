@@ -10,6 +10,7 @@
 #include "support/free_port.h"
 #include "support/scripted_handshake.h"
 #include "support/session_host.h"
+#include "support/transport.h"
 #include "support/wait_until.h"
 
 namespace TQ::test {
@@ -45,7 +46,7 @@ TEST(ReceivingThread, GivesTheConnectListenerItsSixArgumentsInOrder) {
   RawPeer peer = host.Admit("raw.host:4711/peer/and/more");
   ASSERT_TRUE(listeners.WaitForConnects(1));
   const auto call = listeners.Connects().at(0);
-  EXPECT_EQ(call.localAddress, "127.0.0.1:" + std::to_string(host.Port()));
+  EXPECT_EQ(call.localAddress, peer.RemoteAddress());
   EXPECT_EQ(call.remoteAddress, peer.LocalAddress());
   EXPECT_EQ(call.applicationName, "raw.host:4711/peer/and/more");
   EXPECT_EQ(call.host, "raw.host");
@@ -63,7 +64,7 @@ TEST(ReceivingThread, GivesTheConnectListenerTheConnectorsAddressesWhenThisProce
   ASSERT_TRUE(listeners.WaitForConnects(1));
   const auto call = listeners.Connects().at(0);
   EXPECT_EQ(call.localAddress, peer.RemoteAddress());
-  EXPECT_EQ(call.remoteAddress, "127.0.0.1:" + std::to_string(listener.Port()));
+  EXPECT_EQ(call.remoteAddress, peer.LocalAddress());
   EXPECT_EQ(call.applicationName, NAME);
 }
 
@@ -279,10 +280,10 @@ TEST(ReceivingThread, LogsARemoteDisconnectWhenThePeerClosesBetweenFrames) {
   peer.Close();
   ASSERT_TRUE(host.WaitForEnd(NAME));
   EXPECT_EQ(host.ReceivingThreadLog(NAME),
-            (Lines{InfoLine("Application connected:raw.host:4711/peer"),
-                   InfoLine("Receive failed: socket closed"),
-                   InfoLine("Remote disconnect: \"raw.host:4711/peer\" stopped"),
-                   InfoLine("Receiving thread finished for " + ends)}));
+            AsLogged({InfoLine("Application connected:raw.host:4711/peer"),
+                      InfoLine("Receive failed: socket closed"),
+                      InfoLine("Remote disconnect: \"raw.host:4711/peer\" stopped"),
+                      InfoLine("Receiving thread finished for " + ends)}));
   EXPECT_EQ(listeners.Disconnects().size(), 1u);
 }
 
@@ -303,7 +304,8 @@ TEST(ReceivingThread, GivesTheDisconnectListenerItsFourArgumentsInOrder) {
   EXPECT_EQ(listeners.Connects().size(), 1u);
 }
 
-TEST(ReceivingThread, LogsARemoteDisconnectWhenThePeerBreaksTheConnection) {
+// A pipe is closed or not; it cannot be broken.
+TEST(ReceivingThreadOverTcp, LogsARemoteDisconnectWhenThePeerBreaksTheConnection) {
   SessionHost host;
   RawPeer peer = host.Admit(NAME);
   peer.Reset();
@@ -340,11 +342,12 @@ TEST(ReceivingThread, LogsALocalShutdownWhenTheStopComesDuringABlockedRead) {
   ASSERT_TRUE(WaitUntil([] { return DEBUG_TQObjectCount().readCalls > 0; }));
   EXPECT_TRUE(peer.StaysSilentFor(milliseconds{100}));
   EXPECT_EQ(TQDisconnect(NAME.c_str()), TQ_ERR_OK);
-  EXPECT_EQ(host.ReceivingThreadLog(NAME),
-            (Lines{InfoLine("Application connected:raw.host:4711/peer"),
-                   InfoLine("Receive failed: no data arrived in expected 2 seconds11,expected=11"),
-                   InfoLine("Local shutdown: \"raw.host:4711/peer\" stopped"),
-                   InfoLine("Receiving thread finished for " + ends)}));
+  EXPECT_EQ(
+      host.ReceivingThreadLog(NAME),
+      AsLogged({InfoLine("Application connected:raw.host:4711/peer"),
+                InfoLine("Receive failed: no data arrived in expected 2 seconds11,expected=11"),
+                InfoLine("Local shutdown: \"raw.host:4711/peer\" stopped"),
+                InfoLine("Receiving thread finished for " + ends)}));
 }
 
 TEST(ReceivingThread, WaitsInAHeadForAsLongAsTheSessionLives) {
@@ -366,12 +369,13 @@ TEST(ReceivingThread, GivesUpABodyThatDoesNotComeWithinTheReadLimit) {
   SessionHost::SetIoTimeout(SHORT_READS);
   ASSERT_TRUE(peer.SendBytes(Prefix(RequestBytes(1, RAW_CALL, 7, RawList().Int32("x", 1)), 22)));
   EXPECT_TRUE(peer.WaitClosed());
-  EXPECT_EQ(host.ReceivingThreadLog(NAME),
-            (Lines{InfoLine("Application connected:raw.host:4711/peer"),
-                   InfoLine("Receive failed: no data arrived in expected 2 seconds11,expected=6"),
-                   InfoLine("Deserialization failed"),
-                   InfoLine("Remote disconnect: \"raw.host:4711/peer\" stopped"),
-                   InfoLine("Receiving thread finished for " + ends)}));
+  EXPECT_EQ(
+      host.ReceivingThreadLog(NAME),
+      AsLogged({InfoLine("Application connected:raw.host:4711/peer"),
+                InfoLine("Receive failed: no data arrived in expected 2 seconds11,expected=6"),
+                InfoLine("Deserialization failed"),
+                InfoLine("Remote disconnect: \"raw.host:4711/peer\" stopped"),
+                InfoLine("Receiving thread finished for " + ends)}));
 }
 
 TEST(ReceivingThread, LogsAGlobalShutdownWhenTheLibraryStopsBeforeTheReadLoop) {
@@ -426,10 +430,10 @@ TEST(ReceivingThread, LogsAGlobalShutdownWhenAReadFailsWhileTheLibraryStops) {
   peer.Close();
   shutdown.join();
   EXPECT_EQ(host.ReceivingThreadLog(NAME),
-            (Lines{InfoLine("Application connected:raw.host:4711/peer"),
-                   InfoLine("Receive failed: socket closed"),
-                   InfoLine("Global shutdown: \"raw.host:4711/peer\" stopped"),
-                   InfoLine("Receiving thread finished for " + ends)}));
+            AsLogged({InfoLine("Application connected:raw.host:4711/peer"),
+                      InfoLine("Receive failed: socket closed"),
+                      InfoLine("Global shutdown: \"raw.host:4711/peer\" stopped"),
+                      InfoLine("Receiving thread finished for " + ends)}));
 }
 
 TEST(ReceivingThread, OfAShutdownLogsEitherTheGlobalOrTheLocalText) {
@@ -468,7 +472,8 @@ TEST(ReceivingThread, LogsNoAddressesWithoutAValidChannel) {
   EXPECT_EQ(log.CountOf("Sending thread finished for raw.host:4711/peer:<->"), 1u);
 }
 
-TEST(ReceivingThread, NoticesAStopOfTheLibraryThatNobodyWakesItFor) {
+// A read of a pipe looks at the stop of its session alone.
+TEST(ReceivingThreadOverTcp, NoticesAStopOfTheLibraryThatNobodyWakesItFor) {
   SessionHost host;
   RawPeer peer = host.Admit(NAME);
   // Both threads are in their waits, which take 5 seconds.
@@ -641,7 +646,8 @@ TEST(ReceivingThread, LeavesTheChannelToTheSession) {
   EXPECT_TRUE(peer.WaitClosed());
 }
 
-TEST(ReceivingThread, GoesOnReadingWhenTheSendingThreadHasEndedFirst) {
+// A write to a pipe takes as long as its peer lets it.
+TEST(ReceivingThreadOverTcp, GoesOnReadingWhenTheSendingThreadHasEndedFirst) {
   SessionHost host;
   ScopedSlot slot(7, [](const SlotCall&) {});
   RawPeer peer = host.Admit(NAME, SMALL_RECEIVE_BUFFER);

@@ -21,6 +21,7 @@
 #include "support/bytes.h"
 #include "support/child_process.h"
 #include "support/free_port.h"
+#include "support/host_calls.h"
 #include "support/listener_recorder.h"
 #include "support/log_gate.h"
 #include "support/log_recorder.h"
@@ -31,6 +32,7 @@
 #include "support/scripted_handshake.h"
 #include "support/test_message.h"
 #include "support/thread_faults.h"
+#include "support/transport.h"
 #include "support/wait_until.h"
 #include "transport/socket_channel.h"
 
@@ -911,35 +913,40 @@ class NoThreads : public testing::Test {
     return {};
   }
 
+  /// TQConnect to a peer that accepts it, when so many threads can be had.
+  std::error_code ConnectWithThreads(int count) {
+    std::thread acceptor([this] { peer = listener.Accept(); });
+    g_threadsLeft = count;
+    const std::error_code code = CodeOf([this] { ConnectTo(listener.Port()); });
+    g_threadsLeft = -1;
+    acceptor.join();
+    return code;
+  }
+
   LogRecorder log;
   RawListener listener{FreePort()};
+  std::optional<RawPeer> peer;
   int threadsBefore = 0;
 };
 
 const std::error_code TRY_AGAIN = std::make_error_code(std::errc::resource_unavailable_try_again);
 
 TEST_F(NoThreads, AtAllMakeTQConnectThrowAndLeaveNothing) {
-  g_threadsLeft = 0;
-  EXPECT_EQ(CodeOf([&] { ConnectTo(listener.Port()); }), TRY_AGAIN);
-  g_threadsLeft = -1;
+  EXPECT_EQ(ConnectWithThreads(0), TRY_AGAIN);
   EXPECT_EQ(SessionsAlive(), 0u);
   EXPECT_EQ(ThreadCount(), threadsBefore);
   EXPECT_EQ(log.CountOfPrefix("Start management threads"), 0u);
-  auto peer = listener.Accept();
   ASSERT_TRUE(peer);
   EXPECT_EQ(peer->ReceiveUntilClosed(), Bytes());
 }
 
 TEST_F(NoThreads, ForSendingMakeTQConnectThrowAndLeaveTheReceivingOneParked) {
-  g_threadsLeft = 1;
-  EXPECT_EQ(CodeOf([&] { ConnectTo(listener.Port()); }), TRY_AGAIN);
-  g_threadsLeft = -1;
+  EXPECT_EQ(ConnectWithThreads(1), TRY_AGAIN);
   EXPECT_EQ(SessionsAlive(), 1u);
   EXPECT_EQ(ThreadCount(), threadsBefore + 1);
   EXPECT_EQ(log.CountOfPrefix("Start management threads"), 0u);
   EXPECT_EQ(log.CountOfPrefix("Destroying"), 0u);
   // The channel was not the session's yet.
-  auto peer = listener.Accept();
   ASSERT_TRUE(peer);
   EXPECT_EQ(peer->ReceiveUntilClosed(), Bytes());
 }
@@ -959,9 +966,7 @@ TEST_F(NoThreads, AtAllMakeTheAcceptingSideThrowToItsCaller) {
 TEST_F(NoThreads, LeaveOtherSessionsAlone) {
   SocketSession other;
   ASSERT_TRUE(other.admitted);
-  g_threadsLeft = 0;
-  EXPECT_EQ(CodeOf([&] { ConnectTo(listener.Port()); }), TRY_AGAIN);
-  g_threadsLeft = -1;
+  EXPECT_EQ(ConnectWithThreads(0), TRY_AGAIN);
   ASSERT_EQ(TQNotify(PEER_NAME, 3, {}, nullptr, nullptr), TQ_ERR_OK);
   EXPECT_TRUE(other.peer.ReadFrame());
   other.peer.Close();
@@ -970,11 +975,13 @@ TEST_F(NoThreads, LeaveOtherSessionsAlone) {
 
 // Listens, and cannot make a thread any more.
 TQ_TEST_ROLE(listenWithoutThreads) {
-  const auto port = static_cast<int32_t>(std::stoi(args.at(0)));
+  const auto port = static_cast<uint16_t>(std::stoi(args.at(0)));
   LogRecorder log;
-  EXPECT_EQ(TQInitialize("host", port, nullptr), TQ_ERR_OK);
+  EXPECT_EQ(TQInitializeEx(HostText(port).c_str(), "host", port, nullptr), TQ_ERR_OK);
   EXPECT_EQ(TQConnectionReady(), TQ_ERR_OK);
-  EXPECT_TRUE(log.WaitForPrefix(TQ_LOG_INFO, "listening for incoming connection on :"));
+  EXPECT_TRUE(log.WaitForPrefix(TQ_LOG_INFO, OverPipes()
+                                                 ? "ConnThread Pipe Startup"
+                                                 : "listening for incoming connection on :"));
   g_threadsLeft = 0;
   Say("ready");
   (void)AwaitCommand("never");

@@ -20,6 +20,7 @@
 #include "support/log_recorder.h"
 #include "support/raw_peer.h"
 #include "support/session_host.h"
+#include "support/transport.h"
 
 namespace TQ::test {
 namespace {
@@ -107,7 +108,7 @@ TEST(ApplicationHolder, CopiesAllOfItsBytes) {
   assigned = holder;
   EXPECT_EQ(std::string(assigned.getName() + 1), std::string(254, 'n'));
   EXPECT_TRUE(!assigned);
-  ASSERT_TRUE(copy.Connect("127.0.0.1", listener.Port(), nullptr, 0));
+  ASSERT_TRUE(copy.Connect(HostText(listener.Port()).c_str(), listener.Port(), nullptr, 0));
   acceptor.join();
   EXPECT_STREQ(copy.getName(), NAME.c_str());
 }
@@ -252,7 +253,7 @@ class Acceptor final {
   Acceptor(const Acceptor&) = delete;
   Acceptor& operator=(const Acceptor&) = delete;
 
-  int Port() const { return listener.Port(); }
+  uint16_t Port() const { return listener.Port(); }
   void Join() {
     if (thread.joinable()) {
       thread.join();
@@ -269,7 +270,7 @@ TEST(ApplicationHolder, ConnectsAndThenNamesThePeer) {
   SessionHost host;
   Acceptor acceptor(NAME);
   TQApplicationHolder holder;
-  EXPECT_TRUE(holder.Connect("127.0.0.1", acceptor.Port(), nullptr, 0));
+  EXPECT_TRUE(holder.Connect(HostText(acceptor.Port()).c_str(), acceptor.Port(), nullptr, 0));
   EXPECT_FALSE(!holder);
   EXPECT_STREQ(holder.getName(), NAME.c_str());
   EXPECT_TRUE(IsConnected(NAME));
@@ -280,7 +281,8 @@ TEST(ApplicationHolder, ConnectPassesTheAuthenticationOn) {
   const Bytes block = Pattern(256);
   Acceptor acceptor(NAME, block);
   TQApplicationHolder holder;
-  EXPECT_TRUE(holder.Connect("127.0.0.1", acceptor.Port(), block.data(), 256));
+  EXPECT_TRUE(
+      holder.Connect(HostText(acceptor.Port()).c_str(), acceptor.Port(), block.data(), 256));
   acceptor.Join();
   EXPECT_TRUE(acceptor.handshake.digestMatches);
 }
@@ -291,7 +293,7 @@ TEST(ApplicationHolder, ConnectOverwritesTheNameWithoutDisconnectingTheFormerPee
   Acceptor acceptor(NAME);
   {
     TQApplicationHolder holder("test:1/former");
-    EXPECT_TRUE(holder.Connect("127.0.0.1", acceptor.Port(), nullptr, 0));
+    EXPECT_TRUE(holder.Connect(HostText(acceptor.Port()).c_str(), acceptor.Port(), nullptr, 0));
     EXPECT_STREQ(holder.getName(), NAME.c_str());
     EXPECT_TRUE(IsConnected("test:1/former"));
   }
@@ -305,9 +307,11 @@ TEST(ApplicationHolder, AFailingConnectLeavesTheNameAsItWas) {
   TQApplicationHolder holder("test:1/former");
   EXPECT_FALSE(holder.Connect("127.0.0.1", 0, nullptr, 0));
   EXPECT_FALSE(holder.Connect("localhost", 4711, nullptr, 0));
-  EXPECT_FALSE(holder.Connect("127.0.0.1", FreePort(), nullptr, 0));
+  const uint16_t nobody = FreePort();
+  EXPECT_FALSE(holder.Connect(HostText(nobody).c_str(), nobody, nullptr, 0));
   Acceptor twin("test:1/former");
-  EXPECT_FALSE(holder.Connect("127.0.0.1", twin.Port(), nullptr, 0)) << "connected already";
+  EXPECT_FALSE(holder.Connect(HostText(twin.Port()).c_str(), twin.Port(), nullptr, 0))
+      << "connected already";
   EXPECT_STREQ(holder.getName(), "test:1/former");
   EXPECT_TRUE(IsConnected("test:1/former"));
 }
@@ -318,7 +322,7 @@ TEST(ApplicationHolder, HoldsANameOf255Bytes) {
   name.append(255 - name.size(), 'n');
   Acceptor acceptor(name);
   TQApplicationHolder holder;
-  EXPECT_TRUE(holder.Connect("127.0.0.1", acceptor.Port(), nullptr, 0));
+  EXPECT_TRUE(holder.Connect(HostText(acceptor.Port()).c_str(), acceptor.Port(), nullptr, 0));
   EXPECT_EQ(holder.getName(), name);
 }
 

@@ -1,4 +1,4 @@
-// Handshakes between real processes over TCP: two that run the library, and one that runs it
+// Handshakes between real processes: two that run the library, and one that runs it
 // against a peer that does not keep to the rules.
 #include <gtest/gtest.h>
 #include <tq/tq.h>
@@ -25,9 +25,11 @@
 #include "support/child_process.h"
 #include "support/free_port.h"
 #include "support/hex.h"
+#include "support/host_calls.h"
 #include "support/listener_recorder.h"
 #include "support/raw_list.h"
 #include "support/raw_peer.h"
+#include "support/transport.h"
 #include "support/wait_until.h"
 
 namespace TQ::test {
@@ -72,15 +74,16 @@ std::string CallEcho(const std::string& peer) {
 
 // "connect PORT NAMESIZE LENGTH [HEX]": without HEX there is no data.
 std::string ConnectAsTold(std::istringstream& words) {
-  int32_t port = 0;
+  uint16_t port = 0;
   uint32_t nameSize = 0;
   int32_t length = 0;
   std::string hex;
   words >> port >> nameSize >> length >> hex;
   const Bytes data = FromHex(hex);
   std::vector<char> name(nameSize, 'U');
-  const _tag_TQ_ERROR result = TQConnect("127.0.0.1", port, nameSize != 0 ? name.data() : nullptr,
-                                         nameSize, hex.empty() ? nullptr : data.data(), length);
+  const _tag_TQ_ERROR result =
+      TQConnect(HostText(port).c_str(), port, nameSize != 0 ? name.data() : nullptr, nameSize,
+                hex.empty() ? nullptr : data.data(), length);
   const auto end = std::find(name.begin(), name.end(), '\0');
   return std::to_string(result) + " " + std::string(name.begin(), end);
 }
@@ -89,7 +92,7 @@ std::string ConnectAsTold(std::istringstream& words) {
 // initialised), its port, its IO_TIMEOUT_MS, and commands that it answers with one line each.
 TQ_TEST_ROLE(application) {
   const std::string name = args.at(0);
-  const auto port = static_cast<int32_t>(std::stoi(args.at(1)));
+  const auto port = static_cast<uint16_t>(std::stoi(args.at(1)));
   TQSetLogLevel(15, 0, &SayLogLine);
   const ListenerRecorder listeners([](const ListenerCall& call) { Say("listener " + call.text); });
   TQRegisterSlot(ECHO_SLOT, &Echo, nullptr);
@@ -98,7 +101,9 @@ TQ_TEST_ROLE(application) {
   limits.IO_TIMEOUT_MS = static_cast<uint32_t>(std::stoul(args.at(2)));
   const bool initialised = name != "-";
   if (initialised) {
-    EXPECT_EQ(TQInitialize(name == "empty" ? "" : name.c_str(), port, &limits), TQ_ERR_OK);
+    EXPECT_EQ(TQInitializeEx(port != 0 ? HostText(port).c_str() : nullptr,
+                             name == "empty" ? "" : name.c_str(), port, &limits),
+              TQ_ERR_OK);
     if (port != 0) {
       EXPECT_EQ(TQConnectionReady(), TQ_ERR_OK);
     }
@@ -131,7 +136,9 @@ TQ_TEST_ROLE(application) {
       Say("answer none");
     }
   }
-  if (initialised) {
+  if (initialised && port != 0) {
+    ShutdownWhileKnocking(port);
+  } else if (initialised) {
     EXPECT_EQ(TQShutdown(), TQ_ERR_OK);
   }
   EXPECT_TRUE(WaitUntil([] { return DEBUG_TQObjectCount().sessions == 0; }));
@@ -145,6 +152,26 @@ TQ_TEST_ROLE(application) {
 constexpr uint32_t PATIENT = 60000;
 constexpr uint32_t IMPATIENT = 4000;
 
+// The socket listener's last line about a peer. The pipe listener has none of its own.
+const std::string COMPLETED = "8 ConnectionThread. Initialization of new connection is completed.";
+
+/// The last line of either listener about a peer that was refused, and about one that was admitted.
+const std::string REFUSED = OverPipes() ? "2 Application start failed" : COMPLETED;
+std::string AdmittedLine(const std::string& peer) {
+  return OverPipes() ? "8 Startup completed for " + peer : COMPLETED;
+}
+
+/// What a connecting thread logs, with the lines of the handshake at the end.
+Texts ConnectorLog(uint16_t toPort, const Texts& handshakeLines) {
+  Texts log;
+  if (OverPipes()) {
+    log = {"8 Waiting named pipe" + PipePath(HostText(toPort) + "_in"),
+           "8 Waiting named pipe " + PipePath(HostText(toPort) + "_out")};
+  }
+  log.insert(log.end(), handshakeLines.begin(), handshakeLines.end());
+  return log;
+}
+
 class Application {
  public:
   explicit Application(const std::string& shortName, uint16_t listenPort = 0,
@@ -154,7 +181,8 @@ class Application {
                 {shortName, std::to_string(listenPort), std::to_string(ioTimeoutMs)}) {
     name = Await("name ").value_or("name ").substr(5);
     if (listenPort != 0) {
-      EXPECT_TRUE(WaitForLog("8 listening for incoming connection on :" + Address()));
+      EXPECT_TRUE(WaitForLog(OverPipes() ? "8 ConnThread Pipe Startup"
+                                         : "8 listening for incoming connection on :" + Address()));
     }
   }
 
@@ -214,6 +242,15 @@ class Application {
         count);
   }
 
+  /// Waits for log lines of any threads that begin so.
+  bool WaitForLogPrefix(const std::string& start, size_t count) {
+    return WaitUntilSeen(
+        [&](const std::string& line) {
+          return IsLog(line) && line.compare(line.find(' ', 4) + 1, start.size(), start) == 0;
+        },
+        count);
+  }
+
   /// How many log lines with this level and text have been seen.
   size_t CountOfLog(const std::string& text) const {
     size_t count = 0;
@@ -233,7 +270,8 @@ class Application {
   }
 
   /// The lines, with levels, of the thread that has logged `text`, without what tells of the ends
-  /// of sessions and channels, which happen on any thread.
+  /// of sessions and channels, which happen on any thread, and of inbound pipes, which comes only
+  /// if the peer was waited for.
   Texts ThreadLog(const std::string& text) const {
     std::string thread;
     for (const std::string& line : lines) {
@@ -246,7 +284,8 @@ class Application {
       if (thread.empty() || line.rfind(thread, 0) != 0) continue;
       const std::string rest = line.substr(thread.size());
       bool ofAnEnd = false;
-      for (const char* prefix : {"8 Destroy", "8 Closing socket", "8 Socket channel"}) {
+      for (const char* prefix :
+           {"8 Destroy", "8 Closing socket", "8 Socket channel", "8 Inbound pipe"}) {
         ofAnEnd = ofAnEnd || rest.rfind(prefix, 0) == 0;
       }
       if (!ofAnEnd) result.push_back(rest);
@@ -271,7 +310,32 @@ class Application {
            name.substr(slash + 1, end == std::string::npos ? end : end - slash - 1);
   }
 
-  std::string Address() const { return "127.0.0.1:" + std::to_string(port); }
+  /// The local address of its connections from others, and how their remote addresses begin.
+  std::string Address() const {
+    return OverPipes() ? PipeName(port) + "_in" : "127.0.0.1:" + std::to_string(port);
+  }
+  std::string RemoteStart() const { return OverPipes() ? PipeName(port) + "_out" : "127.0.0.1:"; }
+
+  /// What its listener's thread logs of one peer, with the lines of the handshake in the middle.
+  Texts ListenerLog(const Texts& handshakeLines) const {
+    Texts log{"8 ConnectionThread. Accepting new connection",
+              "8 ConnectionThread. Connection from: '127.0.0.1' has been accepted",
+              "8 ConnectionThread. Configuring new socket.",
+              "8 ConnectionThread. Starting new application"};
+    if (OverPipes()) log = {"8 Outbound pipe " + PipePath(PipeName(port) + "_out") + " connected"};
+    const Texts logged = AsLogged(handshakeLines);
+    log.insert(log.end(), logged.begin(), logged.end());
+    if (!OverPipes()) log.push_back(COMPLETED);
+    return log;
+  }
+
+  /// The same of a peer that was refused.
+  Texts RefusalLog(const Texts& reasons) const {
+    Texts log = reasons;
+    log.insert(log.end(), {"8 Start management threads for ", "8 Startup completed for ",
+                           "2 " + ListenerLine("Application start failed")});
+    return ListenerLog(log);
+  }
 
   const uint16_t port;
   std::string name;
@@ -311,8 +375,6 @@ const std::string FAILED = std::to_string(TQ_ERR_FAILED) + " ";
 const std::string REJECTED = std::to_string(TQ_ERR_NAME_REJECTED) + " ";
 const std::string UNTOUCHED(256, 'U');
 
-const std::string COMPLETED = "8 ConnectionThread. Initialization of new connection is completed.";
-
 std::string MachineName() {
   std::array<char, 1024> name{};
   EXPECT_TRUE(TQ::platform::GetHostName(name.data(), name.size()));
@@ -323,23 +385,6 @@ std::string MachineName() {
 std::string NameForLength(size_t length, uint16_t port) {
   const std::string start = MachineName() + ":" + std::to_string(port) + "/";
   return std::string(length - start.size(), 'n');
-}
-
-/// What the listener thread logs of one connection, with the lines of the handshake in the middle.
-Texts ListenerThreadLog(const Texts& handshakeLines) {
-  Texts lines{"8 ConnectionThread. Accepting new connection",
-              "8 ConnectionThread. Connection from: '127.0.0.1' has been accepted",
-              "8 ConnectionThread. Configuring new socket.",
-              "8 ConnectionThread. Starting new application"};
-  lines.insert(lines.end(), handshakeLines.begin(), handshakeLines.end());
-  lines.push_back(COMPLETED);
-  return lines;
-}
-
-/// The same of a connection that was refused.
-Texts RefusalLog(const std::string& reason) {
-  return ListenerThreadLog({reason, "8 Start management threads for ", "8 Startup completed for ",
-                            "2 ConnectionThread. Application start failed"});
 }
 
 // ---- two processes -----------------------------------------------------------------------------
@@ -368,9 +413,11 @@ TEST(TwoProcesses, TellTheirConnectListenersOfOneConnection) {
   words >> call >> local >> remote;
   EXPECT_EQ(accepted[0], "connect " + acceptor.Address() + " " + remote + " " + connector.name +
                              " " + connector.Parts());
-  // What is local to one is remote to the other.
-  EXPECT_EQ(connector.Listeners(), Texts{"connect " + remote + " " + acceptor.Address() + " " +
-                                         acceptor.name + " " + acceptor.Parts()});
+  // What is local to one is remote to the other; the pipes of a target keep its backslash.
+  const std::string start = OverPipes() ? "\\" : "";
+  EXPECT_EQ(connector.Listeners(),
+            Texts{"connect " + start + remote + " " + start + acceptor.Address() + " " +
+                  acceptor.name + " " + acceptor.Parts()});
 }
 
 TEST(TwoProcesses, LogAnAdmissionInFullAndInOrder) {
@@ -379,13 +426,15 @@ TEST(TwoProcesses, LogAnAdmissionInFullAndInOrder) {
   acceptor.Forget();
   connector.Forget();
   ASSERT_EQ(connector.Connect(acceptor.port), OK + acceptor.name);
-  ASSERT_TRUE(acceptor.WaitForLog(COMPLETED));
-  EXPECT_EQ(acceptor.ThreadLog(COMPLETED),
-            ListenerThreadLog({"8 Start management threads for " + connector.name,
-                               "8 Startup completed for " + connector.name}));
+  const std::string admitted = AdmittedLine(connector.name);
+  ASSERT_TRUE(acceptor.WaitForLog(admitted));
+  EXPECT_EQ(acceptor.ThreadLog(admitted),
+            acceptor.ListenerLog({"8 Start management threads for " + connector.name,
+                                  "8 Startup completed for " + connector.name}));
   const std::string startup = "8 Startup completed for " + acceptor.name;
-  EXPECT_EQ(connector.ThreadLog(startup),
-            (Texts{"8 Start management threads for " + acceptor.name, startup}));
+  EXPECT_EQ(
+      connector.ThreadLog(startup),
+      ConnectorLog(acceptor.port, {"8 Start management threads for " + acceptor.name, startup}));
 }
 
 TEST(TwoProcesses, WriteThreeTimesEach) {
@@ -433,11 +482,13 @@ TEST(TwoProcesses, RefuseAConnectionThatProvesNothingWhenABlockIsSet) {
   ASSERT_EQ(acceptor.Do("auth 01"), "0");
   acceptor.Forget();
   EXPECT_EQ(connector.Connect(acceptor.port), REJECTED + UNTOUCHED);
-  ASSERT_TRUE(acceptor.WaitForLog(COMPLETED));
-  EXPECT_EQ(acceptor.ThreadLog(COMPLETED), RefusalLog("4 Stage 2: credentials failed"));
+  ASSERT_TRUE(acceptor.WaitForLog(REFUSED));
+  EXPECT_EQ(acceptor.ThreadLog(REFUSED), acceptor.RefusalLog({"4 Stage 2: credentials failed"}));
   const Texts calls = acceptor.Listeners();
   ASSERT_EQ(calls.size(), 1u);
-  EXPECT_EQ(calls[0].rfind("authFailed " + acceptor.Address() + " 127.0.0.1:", 0), 0u) << calls[0];
+  EXPECT_EQ(calls[0].rfind("authFailed " + acceptor.Address() + " " + acceptor.RemoteStart(), 0),
+            0u)
+      << calls[0];
   EXPECT_EQ(calls[0].substr(calls[0].rfind(' ') + 1), connector.name);
   // The connecting side is told by its result alone.
   EXPECT_TRUE(connector.Listeners().empty());
@@ -471,10 +522,9 @@ TEST(TwoProcesses, RefuseABlockThatIsTooLongBeforeAnythingIsSent) {
   EXPECT_EQ(connector.Connect(acceptor.port, 257, Bytes(257)), FAILED + UNTOUCHED);
   EXPECT_TRUE(connector.WaitForLog("4 Application '' is not initialized", 2));
   EXPECT_EQ(connector.Do("writes"), "0");
-  ASSERT_TRUE(acceptor.WaitForLog(COMPLETED));
-  Texts expected = RefusalLog("4 Stage 1: no appID specified");
-  expected.insert(expected.begin() + 4, "8 Receive failed: socket closed");
-  EXPECT_EQ(acceptor.ThreadLog(COMPLETED), expected);
+  ASSERT_TRUE(acceptor.WaitForLog(REFUSED));
+  EXPECT_EQ(acceptor.ThreadLog(REFUSED), acceptor.RefusalLog({"8 Receive failed: socket closed",
+                                                              "4 Stage 1: no appID specified"}));
 }
 
 TEST(TwoProcesses, RefuseOneThatWasNeverInitialised) {
@@ -483,22 +533,23 @@ TEST(TwoProcesses, RefuseOneThatWasNeverInitialised) {
   EXPECT_EQ(connector.name, "");
   acceptor.Forget();
   EXPECT_EQ(connector.Connect(acceptor.port), FAILED + UNTOUCHED);
-  ASSERT_TRUE(acceptor.WaitForLog(COMPLETED));
-  EXPECT_EQ(acceptor.ThreadLog(COMPLETED), RefusalLog("4 Stage 1: no appID specified"));
+  ASSERT_TRUE(acceptor.WaitForLog(REFUSED));
+  EXPECT_EQ(acceptor.ThreadLog(REFUSED), acceptor.RefusalLog({"4 Stage 1: no appID specified"}));
   const Texts calls = acceptor.Listeners();
   ASSERT_EQ(calls.size(), 1u);
-  EXPECT_EQ(calls[0].rfind("unknown " + acceptor.Address() + " 127.0.0.1:", 0), 0u) << calls[0];
+  EXPECT_EQ(calls[0].rfind("unknown " + acceptor.Address() + " " + acceptor.RemoteStart(), 0), 0u)
+      << calls[0];
 }
 
 TEST(TwoProcesses, RefuseASecondConnectionOnTheConnectingSide) {
   Application acceptor("a", FreePort());
   Application connector("b");
   ASSERT_EQ(connector.Connect(acceptor.port), OK + acceptor.name);
-  ASSERT_TRUE(acceptor.WaitForLog(COMPLETED));
+  ASSERT_TRUE(acceptor.WaitForLog(AdmittedLine(connector.name)));
   acceptor.Forget();
   EXPECT_EQ(connector.Connect(acceptor.port), REJECTED + UNTOUCHED);
   // It leaves before the challenge is answered.
-  ASSERT_TRUE(acceptor.WaitForLog(COMPLETED));
+  ASSERT_TRUE(acceptor.WaitForLog(REFUSED));
   EXPECT_EQ(acceptor.CountOfLog("4 Stage 2: credentials failed"), 1u) << acceptor.Dump();
   EXPECT_EQ(connector.Do("call " + acceptor.name), "41");
 }
@@ -509,14 +560,14 @@ TEST(TwoProcesses, RefuseASecondProcessOfTheSameName) {
   Application second("twin");
   ASSERT_EQ(first.name, second.name);
   ASSERT_EQ(first.Connect(acceptor.port), OK + acceptor.name);
-  ASSERT_TRUE(acceptor.WaitForLog(COMPLETED));
+  ASSERT_TRUE(acceptor.WaitForLog(AdmittedLine(first.name)));
   // The reply is read after the connect listener has run.
   ASSERT_EQ(acceptor.Do("call " + first.name), "41");
   acceptor.Forget();
   EXPECT_EQ(second.Connect(acceptor.port), REJECTED + UNTOUCHED);
-  ASSERT_TRUE(acceptor.WaitForLog(COMPLETED));
-  EXPECT_EQ(acceptor.ThreadLog(COMPLETED),
-            RefusalLog("2 Application already connected: '" + first.name + "'"));
+  ASSERT_TRUE(acceptor.WaitForLog(REFUSED));
+  EXPECT_EQ(acceptor.ThreadLog(REFUSED),
+            acceptor.RefusalLog({"2 Application already connected: '" + first.name + "'"}));
   EXPECT_TRUE(acceptor.Listeners().empty()) << acceptor.Dump();
   EXPECT_TRUE(second.Listeners().empty());
   EXPECT_EQ(first.Do("call " + acceptor.name), "41");
@@ -543,8 +594,8 @@ TEST(TwoProcesses, RefuseANameOf256BytesFromTheConnectingSide) {
   ASSERT_EQ(connector.name.size(), 256u);
   acceptor.Forget();
   EXPECT_EQ(connector.Connect(acceptor.port), FAILED + UNTOUCHED);
-  ASSERT_TRUE(acceptor.WaitForLog(COMPLETED));
-  EXPECT_EQ(acceptor.ThreadLog(COMPLETED), RefusalLog("4 Stage 1: no appID specified"));
+  ASSERT_TRUE(acceptor.WaitForLog(REFUSED));
+  EXPECT_EQ(acceptor.ThreadLog(REFUSED), acceptor.RefusalLog({"4 Stage 1: no appID specified"}));
 }
 
 TEST(TwoProcesses, RefuseANameOf256BytesFromTheAcceptingSide) {
@@ -554,7 +605,7 @@ TEST(TwoProcesses, RefuseANameOf256BytesFromTheAcceptingSide) {
   acceptor.Forget();
   EXPECT_EQ(connector.Connect(port), FAILED + UNTOUCHED);
   EXPECT_TRUE(connector.Listeners().empty());
-  ASSERT_TRUE(acceptor.WaitForLog(COMPLETED));
+  ASSERT_TRUE(acceptor.WaitForLog(REFUSED));
   EXPECT_EQ(acceptor.CountOfLog("4 Stage 2: credentials failed"), 1u);
 }
 
@@ -564,8 +615,8 @@ TEST(TwoProcesses, RefuseAConnectionFromANameWithoutAnApplication) {
   ASSERT_EQ(connector.name.back(), '/');
   acceptor.Forget();
   EXPECT_EQ(connector.Connect(acceptor.port), REJECTED + UNTOUCHED);
-  ASSERT_TRUE(acceptor.WaitForLog(COMPLETED));
-  EXPECT_EQ(acceptor.ThreadLog(COMPLETED), RefusalLog("4 Stage 4: No host or name"));
+  ASSERT_TRUE(acceptor.WaitForLog(REFUSED));
+  EXPECT_EQ(acceptor.ThreadLog(REFUSED), acceptor.RefusalLog({"4 Stage 4: No host or name"}));
   ASSERT_EQ(acceptor.Listeners().size(), 1u);
   EXPECT_EQ(acceptor.Listeners()[0].rfind("unknown " + acceptor.Address(), 0), 0u);
 }
@@ -576,8 +627,9 @@ TEST(TwoProcesses, RefuseAConnectionToANameWithoutAnApplication) {
   EXPECT_EQ(connector.Connect(acceptor.port), FAILED + UNTOUCHED);
   const Texts calls = connector.Listeners();
   ASSERT_EQ(calls.size(), 1u) << connector.Dump();
-  EXPECT_EQ(calls[0].rfind("unknown 127.0.0.1:", 0), 0u) << calls[0];
-  EXPECT_EQ(calls[0].substr(calls[0].rfind(' ') + 1), acceptor.Address());
+  const std::string start = OverPipes() ? "\\" : "";
+  EXPECT_EQ(calls[0].rfind("unknown " + start + acceptor.RemoteStart(), 0), 0u) << calls[0];
+  EXPECT_EQ(calls[0].substr(calls[0].rfind(' ') + 1), start + acceptor.Address());
   // The accepting side has seen nothing wrong by then.
   EXPECT_TRUE(acceptor.WaitForLog("8 Application connected:" + connector.name));
   EXPECT_TRUE(acceptor.WaitForLog("8 Remote disconnect: \"" + connector.name + "\" stopped"));
@@ -659,7 +711,7 @@ class MisbehavingConnector : public testing::Test {
     good = RawPeer::Connect(acceptor.port);
     if (!good) throw std::runtime_error("the application does not listen");
     EXPECT_TRUE(good->HandshakeAsConnector(GOOD_NAME).Completed());
-    EXPECT_TRUE(acceptor.WaitForLog(COMPLETED));
+    EXPECT_TRUE(acceptor.WaitForLog(AdmittedLine(GOOD_NAME)));
     EXPECT_TRUE(acceptor.WaitForLog(std::string("8 Application connected:") + GOOD_NAME));
     EXPECT_TRUE(acceptor.WaitForListener("connect " + acceptor.Address() + " " +
                                          good->LocalAddress() + " good:1/peer good 1 peer"));
@@ -694,12 +746,12 @@ class MisbehavingConnector : public testing::Test {
     peer->ShutdownWrite();
     // No word of why.
     EXPECT_EQ(peer->ReceiveUntilClosed(), Bytes());
-    ASSERT_TRUE(acceptor.WaitForLog(COMPLETED));
-    Texts lines = acceptor.ThreadLog(COMPLETED);
+    ASSERT_TRUE(acceptor.WaitForLog(REFUSED));
+    Texts lines = acceptor.ThreadLog(REFUSED);
     std::erase_if(lines, [](const std::string& text) {
       return text.rfind("8 Receive failed", 0) == 0 || text.rfind("8 Send failed", 0) == 0;
     });
-    EXPECT_EQ(lines, RefusalLog(line));
+    EXPECT_EQ(lines, acceptor.RefusalLog({line}));
     Texts calls;
     if (!listener.empty()) {
       std::string call = listener;
@@ -847,7 +899,10 @@ class SilentConnector : public MisbehavingConnector {
   SilentConnector() : MisbehavingConnector(IMPATIENT) {}
 };
 
-TEST_F(SilentConnector, HoldsUpOthersForAsLongAsItIsGivenAndNoLonger) {
+// A peer may be connected, and wait for its turn, before it is accepted.
+using SilentConnectorOverTcp = SilentConnector;
+
+TEST_F(SilentConnectorOverTcp, HoldsUpOthersForAsLongAsItIsGivenAndNoLonger) {
   auto silent = RawPeer::Connect(acceptor.port);
   ASSERT_TRUE(silent);
   auto next = RawPeer::Connect(acceptor.port);
@@ -862,6 +917,22 @@ TEST_F(SilentConnector, HoldsUpOthersForAsLongAsItIsGivenAndNoLonger) {
   EXPECT_EQ(name->text, acceptor.name);
   EXPECT_TRUE(
       acceptor.WaitForLog("8 Receive failed: no data arrived in expected 2 seconds11,expected=4"));
+}
+
+// There are no pipes for the next peer while one is in its handshake.
+using SilentConnectorOverPipes = SilentConnector;
+
+TEST_F(SilentConnectorOverPipes, KeepsOthersOutForAsLongAsItIsGivenAndNoLonger) {
+  auto silent = RawPeer::Connect(acceptor.port);
+  ASSERT_TRUE(silent);
+  EXPECT_FALSE(RawPeer::TryConnect(acceptor.port));
+  ExpectGoodSessionWorks();
+  EXPECT_TRUE(silent->WaitClosed());
+  auto next = RawPeer::Connect(acceptor.port);
+  ASSERT_TRUE(next);
+  EXPECT_TRUE(next->HandshakeAsConnector(RAW_NAME).Completed());
+  EXPECT_TRUE(acceptor.WaitForLog(std::string("8 Application connected:") + RAW_NAME));
+  EXPECT_EQ(acceptor.CountOfLog("4 Stage 1: no appID specified"), 1u);
 }
 
 TEST_F(SilentConnector, ThatReadsNothingHarmsNobody) {
@@ -891,8 +962,8 @@ TEST_F(MisbehavingConnector, ThatGoesAtAnyByteEndsItsOwnSessionAlone) {
     }
     peer->Close();
   }
-  ASSERT_TRUE(acceptor.WaitForLog("2 ConnectionThread. Application start failed", whole));
-  ASSERT_TRUE(acceptor.WaitForLog(COMPLETED, whole));
+  ASSERT_TRUE(acceptor.WaitForLog("2 " + ListenerLine("Application start failed"), whole));
+  ASSERT_TRUE(acceptor.WaitForLog(REFUSED, whole));
   EXPECT_EQ(acceptor.CountOfLog("4 Stage 1: no appID specified"), 2 * name.size());
   EXPECT_EQ(acceptor.CountOfLog("4 Stage 2: credentials failed"), RAW_DIGEST_SIZE);
   EXPECT_EQ(acceptor.Listeners().size(), whole);
@@ -908,7 +979,7 @@ TEST_F(MisbehavingConnector, ThatBreaksTheConnectionAtAnyStepEndsItsOwnSessionAl
       peer->Reset();
     }
   }
-  ASSERT_TRUE(acceptor.WaitForLog(COMPLETED, 30));
+  ASSERT_TRUE(acceptor.WaitForLogPrefix("8 Startup completed for ", 30));
   ExpectGoodSessionWorks();
   EXPECT_TRUE(WaitUntil([&] { return acceptor.Do("sessions") == "1"; }));
   auto peer = RawPeer::Connect(acceptor.port);
@@ -964,7 +1035,8 @@ class MisbehavingAcceptor : public testing::Test {
     Texts lines = connector.ThreadLog("8 Startup completed for ");
     std::erase_if(lines,
                   [](const std::string& text) { return text.rfind("8 Receive failed", 0) == 0; });
-    EXPECT_EQ(lines, (Texts{"8 Start management threads for ", "8 Startup completed for "}));
+    EXPECT_EQ(lines, ConnectorLog(listener.Port(),
+                                  {"8 Start management threads for ", "8 Startup completed for "}));
     EXPECT_TRUE(connector.WaitForLog("4 Application '' is not initialized", 2));
   }
 
@@ -1092,8 +1164,8 @@ TEST_F(SilentAcceptor, IsGivenUp) {
   auto peer = listener.Accept();
   ASSERT_TRUE(peer);
   EXPECT_EQ(connector.Answer(), FAILED + UNTOUCHED);
-  EXPECT_TRUE(
-      connector.WaitForLog("8 Receive failed: no data arrived in expected 2 seconds11,expected=4"));
+  EXPECT_TRUE(connector.WaitForLog(
+      "8 Receive failed: no data arrived in expected 2 seconds11,expected=4", TimesOfASocket(1)));
   EXPECT_TRUE(peer->WaitClosed());
 }
 

@@ -20,7 +20,7 @@ bool IsConnected(const std::string& name) {
 /// Connects once the other side listens. Both know each other after it.
 void Connect(TQApplicationHolder& holder, const Application& application) {
   ASSERT_TRUE(WaitUntil([&] { return RawPeer::TryConnect(application.Port()).has_value(); }));
-  ASSERT_TRUE(holder.Connect("127.0.0.1", application.Port(), nullptr, 0));
+  ASSERT_TRUE(holder.Connect(HostText(application.Port()).c_str(), application.Port(), nullptr, 0));
   EXPECT_EQ(CallText(holder.getName(), ECHO_SLOT, 1), "x=1");
 }
 
@@ -120,8 +120,10 @@ TEST(HolderBetweenProcesses, KeepsItsNameWhenAConnectFails) {
   const LocalLibrary library("client");
   TQApplicationHolder holder;
   Connect(holder, server);
-  EXPECT_FALSE(holder.Connect("127.0.0.1", server.Port(), nullptr, 0)) << "connected already";
-  EXPECT_FALSE(holder.Connect("127.0.0.1", FreePort(), nullptr, 0));
+  EXPECT_FALSE(holder.Connect(HostText(server.Port()).c_str(), server.Port(), nullptr, 0))
+      << "connected already";
+  const uint16_t nobody = FreePort();
+  EXPECT_FALSE(holder.Connect(HostText(nobody).c_str(), nobody, nullptr, 0));
   EXPECT_EQ(holder.getName(), server.Name());
   EXPECT_EQ(CallText(holder.getName(), ECHO_SLOT, 2), "x=2");
 }

@@ -30,7 +30,9 @@ TEST(LifeOfTwoProcesses, GoesFromTheFirstInitializationToTheFirstCallInOrder) {
   Application client("client");
   client.Tell("listen");
   client.Expect("listening");
-  ASSERT_TRUE(log.WaitForPrefix(TQ_LOG_INFO, "listening for incoming connection on :"));
+  ASSERT_TRUE(log.WaitForPrefix(TQ_LOG_INFO, OverPipes()
+                                                 ? "ConnThread Pipe Startup"
+                                                 : "listening for incoming connection on :"));
   client.Tell("connect " + std::to_string(port));
   // Its connect listener and the return of its TQConnect come in either order.
   std::vector<std::string> lines;
@@ -39,13 +41,16 @@ TEST(LifeOfTwoProcesses, GoesFromTheFirstInitializationToTheFirstCallInOrder) {
   EXPECT_NE(std::find(lines.begin(), lines.end(), "connected " + library.Name()), lines.end());
   client.Do("call " + library.Name() + " 9 1", "called x=5");
 
-  const std::vector<std::string> milestones = {"Initializing with: host=127.0.0.1",
-                                               "Application=" + library.Name(),
-                                               "ConnThread Startup",
-                                               "listening for incoming connection on :",
-                                               "ConnectionThread. Accepting new connection",
-                                               "Start management threads for " + client.Name(),
-                                               "Startup completed for " + client.Name()};
+  const std::vector<std::string> ofTheListener =
+      OverPipes()
+          ? std::vector<std::string>{"ConnThread Pipe Startup", "Outbound pipe "}
+          : std::vector<std::string>{"ConnThread Startup", "listening for incoming connection on :",
+                                     "ConnectionThread. Accepting new connection"};
+  std::vector<std::string> milestones = {"Initializing with: host=" + HostText(port) + " port=",
+                                         "Application=" + library.Name()};
+  milestones.insert(milestones.end(), ofTheListener.begin(), ofTheListener.end());
+  milestones.push_back("Start management threads for " + client.Name());
+  milestones.push_back("Startup completed for " + client.Name());
   std::vector<std::string> passed;
   for (const LogLine& line : log.Lines()) {
     for (const std::string& milestone : milestones) {

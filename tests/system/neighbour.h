@@ -21,6 +21,7 @@
 #include "support/child_process.h"
 #include "support/process_info.h"
 #include "support/session_host.h"
+#include "support/transport.h"
 
 namespace TQ::test {
 
@@ -87,6 +88,9 @@ class Neighbourhood final {
     const auto line = host.Log().FirstWithPrefix("Application connected:");
     neighbourName = line ? line->text.substr(line->text.find(':') + 1) : "";
     EXPECT_TRUE(SessionHost::WaitForSessions(1));
+    // The listener has its pipes for the next peer again.
+    EXPECT_TRUE(WaitUntil(
+        [&] { return !OverPipes() || platform::PipeListens(PipeName(host.Port()) + "_out"); }));
     descriptors = OpenDescriptorCount();
     threads = ThreadCount();
   }

@@ -16,6 +16,7 @@
 #include "support/bytes.h"
 #include "support/child_process.h"
 #include "support/free_port.h"
+#include "support/host_calls.h"
 #include "support/log_recorder.h"
 #include "support/parked_session.h"
 #include "support/raw_peer.h"
@@ -266,8 +267,7 @@ constexpr uint32_t SLOT = 42;
 
 // Reaches the parent's listener, calls its slot on a thread and tells how that goes.
 TQ_TEST_ROLE(callAndReport) {
-  const int32_t port = std::stoi(args.at(0));
-  EXPECT_EQ(ConnectTo(port), TQ_ERR_OK);
+  EXPECT_EQ(ConnectTo(static_cast<uint16_t>(std::stoi(args.at(0)))), TQ_ERR_OK);
   std::atomic<bool> returned{false};
   std::thread caller([&] {
     const _tag_HTQPARAMLIST result = TQCall(PEER, SLOT, {nullptr});
