@@ -310,6 +310,9 @@ TEST(PeerThatIsKilled, LetsEveryCallerGoWithTheNullHandle) {
   for (int i = 0; i < 4; ++i) calls.push_back(std::make_unique<CallInThread>(peer, ECHO_SLOT));
   EXPECT_EQ(TQNotify(peer.c_str(), ECHO_SLOT, {nullptr}, done.Callback(), &done), TQ_ERR_OK);
   ASSERT_TRUE(WaitUntil([] { return DEBUG_TQObjectCount().pendingCalls == 6; }));
+  // The answer stands in the queue behind the requests, which have been written when it comes.
+  server.Tell("call " + library.Name() + " 77 1");
+  ASSERT_TRUE(server.Process().ReadLineStarting("called "));
   server.Process().Kill();
   for (const auto& call : calls) {
     ASSERT_TRUE(call->WaitReturned());

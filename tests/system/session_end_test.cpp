@@ -283,6 +283,9 @@ TEST(SessionEnd, CancelsWhatAKilledProcessHasNotAnsweredAndLeavesOthersAlone) {
   CallInThread call(partner.name, NEVER);
   ASSERT_TRUE(partner.process.ExpectLine("in the slot"));
   ASSERT_EQ(TQNotify(partner.name.c_str(), ADD_ONE, {nullptr}, done.Callback(), &done), TQ_ERR_OK);
+  // The answer stands in the queue behind the request, which has been written when it comes.
+  partner.process.WriteLine("call");
+  ASSERT_TRUE(partner.process.ExpectLine("answered"));
   EXPECT_FALSE(call.HasReturned());
   partner.process.Kill();
   ASSERT_TRUE(call.WaitReturned());
