@@ -4,9 +4,12 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstddef>
+#include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <thread>
 
@@ -138,6 +141,51 @@ Handle OpenPipe(const std::string& pipeName, Handle companion, Milliseconds time
   }
   close(made);
   return NO_HANDLE;
+}
+
+std::vector<std::string> WaitingPipes(const std::string& part) {
+  std::vector<std::string> names;
+  std::ifstream table("/proc/net/unix");
+  std::string line;
+  while (std::getline(table, line)) {
+    // The name is the last column and begins with the sign that stands for the zero. The flag is
+    // the one of a socket that listens.
+    const size_t begin = line.find(" @");
+    if (begin != std::string::npos && line.find(" 00010000 ") < begin &&
+        line.find(part, begin + 2) != std::string::npos) {
+      names.push_back(line.substr(begin + 2));
+    }
+  }
+  return names;
+}
+
+std::vector<Handle> OpenPipeEnds() {
+  std::vector<Handle> ends;
+  for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+    const int descriptor = std::atoi(entry.path().filename().c_str());
+    Address own;
+    if (getsockname(descriptor, own.Get(), &own.length) == 0 && own.bytes.sun_family == AF_UNIX) {
+      ends.push_back(descriptor);
+    }
+  }
+  std::sort(ends.begin(), ends.end());
+  return ends;
+}
+
+std::vector<std::string> FilesNamed(const std::string& part) {
+  using Path = std::filesystem::path;
+  std::vector<std::string> files;
+  for (const Path& folder :
+       {std::filesystem::current_path(), std::filesystem::temp_directory_path(), Path("/dev/shm"),
+        Path("/run"), Path("/")}) {
+    std::error_code error;
+    for (const auto& entry : std::filesystem::directory_iterator(folder, error)) {
+      if (entry.path().filename().string().find(part) != std::string::npos) {
+        files.push_back(entry.path().string());
+      }
+    }
+  }
+  return files;
 }
 
 }  // namespace TQ::test::platform

@@ -109,6 +109,16 @@ Handle OpenPipe(const std::string& pipeName, Handle companion, std::chrono::mill
 
 /// True while the pipe waits for its peer. Unlike an attempt to open it this disturbs nobody.
 bool PipeListens(const std::string& pipeName);
+/// The names under which pipes wait anywhere on this machine, as the system shows them, as far as
+/// they contain `part`.
+std::vector<std::string> WaitingPipes(const std::string& part);
+
+/// The ends that this process holds, of pipes that wait and of connected ones, in the order of
+/// their numbers.
+std::vector<Handle> OpenPipeEnds();
+
+/// The files whose names contain `part`, in the folders where programs leave such files.
+std::vector<std::string> FilesNamed(const std::string& part);
 
 // ---- processes ---------------------------------------------------------------------------------
 
@@ -137,6 +147,9 @@ std::optional<ExitStatus> WaitChild(Child& child, std::chrono::milliseconds time
 
 /// Ends the child at once. It must not have been reaped.
 void KillChild(Child& child);
+
+/// Makes this process one of another user, without any rights. For roles. False if it may not.
+bool BecomeOtherUser();
 
 /// True while the process runs, also if it is not a child of this one.
 bool ProcessExists(int64_t id);

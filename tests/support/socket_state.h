@@ -36,6 +36,9 @@ bool IsListening(platform::Handle socket);
 int ListenBacklog(platform::Handle listener);
 int WaitingConnections(platform::Handle listener);
 
+/// True if a peer has connected to a pipe that waits and was not taken yet.
+bool HasWaitingPeer(platform::Handle pipe);
+
 bool ReusesAddress(platform::Handle socket);
 bool ReusesPort(platform::Handle socket);
 bool SendsWithoutDelay(platform::Handle socket);
@@ -44,6 +47,9 @@ bool SendsWithoutDelay(platform::Handle socket);
 int ReceiveBufferSize(platform::Handle socket);
 int SendBufferSize(platform::Handle socket);
 int ReportedBufferSize(int asked);
+
+/// After how many milliseconds the system gives a write up, 0 for never.
+int64_t SendTimeLimitMs(platform::Handle socket);
 
 /// The socket's own address as text, "0.0.0.0:80".
 std::string OwnAddress(platform::Handle socket);

@@ -2,6 +2,7 @@
 #include <fcntl.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
+#include <poll.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -70,6 +71,11 @@ int WaitingConnections(platform::Handle listener) {
   return static_cast<int>(ConnectionInfo(listener).tcpi_unacked);
 }
 
+bool HasWaitingPeer(platform::Handle pipe) {
+  pollfd entry{Descriptor(pipe), POLLIN, 0};
+  return poll(&entry, 1, 0) == 1;
+}
+
 bool ReusesAddress(platform::Handle socket) {
   return Option(socket, SOL_SOCKET, SO_REUSEADDR) != 0;
 }
@@ -86,6 +92,15 @@ int SendBufferSize(platform::Handle socket) { return Option(socket, SOL_SOCKET, 
 
 // Linux doubles what it is asked for, to leave room for its own records.
 int ReportedBufferSize(int asked) { return 2 * asked; }
+
+int64_t SendTimeLimitMs(platform::Handle socket) {
+  timeval limit{};
+  socklen_t size = sizeof limit;
+  if (getsockopt(Descriptor(socket), SOL_SOCKET, SO_SNDTIMEO, &limit, &size) != 0) {
+    throw std::runtime_error("socket option cannot be read");
+  }
+  return int64_t{limit.tv_sec} * 1000 + limit.tv_usec / 1000;
+}
 
 std::string OwnAddress(platform::Handle socket) {
   sockaddr_in address{};

@@ -14,21 +14,37 @@
 #include <dlfcn.h>
 #include <poll.h>
 #include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
 
 #include <array>
 #include <atomic>
 #include <cerrno>
 #include <chrono>
+#include <cstddef>
 #include <cstdint>
 #include <ctime>
 #include <functional>
 #include <mutex>
+#include <string>
 #include <utility>
 #include <vector>
 
 namespace TQ::test {
 
-enum class SystemCall { SOCKET, LISTEN, ACCEPT, POLL, BIND, CONNECT, GET_SOCKET_NAME, COUNT };
+enum class SystemCall {
+  SOCKET,
+  LISTEN,
+  ACCEPT,
+  POLL,
+  BIND,
+  CONNECT,
+  GET_SOCKET_NAME,
+  GET_PEER_NAME,
+  GET_OPTION,
+  DUPLICATE,
+  COUNT
+};
 
 /// The code with which a call fails.
 constexpr int FAULT_CODE = ENOBUFS;
@@ -49,7 +65,13 @@ inline std::vector<std::chrono::steady_clock::time_point>
 inline std::mutex g_pollLock;
 inline std::vector<int64_t> g_pollLimits;  // guarded by g_pollLock
 inline std::function<void(int)> g_beforeConnect;
+inline std::function<void(int)> g_beforeAccept;
+inline std::function<void()> g_beforePoll;
 inline std::atomic<int> g_socketsMade{0};
+inline std::mutex g_nameLock;
+inline std::vector<std::string> g_boundNames;  // guarded by g_nameLock
+inline std::atomic<unsigned> g_peerUser{0};
+inline std::atomic<int> g_peerUserAnswers{0};
 
 inline Fault& FaultOf(SystemCall call) { return g_faults[static_cast<size_t>(call)]; }
 
@@ -81,6 +103,17 @@ Function* Next(const char* name) {
   return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
 }
 
+/// Notes an abstract name.
+inline void NoteBoundName(const sockaddr* address, socklen_t size) {
+  constexpr socklen_t BEFORE = offsetof(sockaddr_un, sun_path) + 1;
+  const auto* local = reinterpret_cast<const sockaddr_un*>(address);
+  if (address->sa_family != AF_UNIX || size <= BEFORE || local->sun_path[0] != 0) {
+    return;
+  }
+  const std::lock_guard guard(g_nameLock);
+  g_boundNames.emplace_back(local->sun_path + 1, size - BEFORE);
+}
+
 inline int Poll(pollfd* entries, nfds_t count, const timespec* limit, const sigset_t* mask) {
   {
     const std::lock_guard guard(g_pollLock);
@@ -89,6 +122,9 @@ inline int Poll(pollfd* entries, nfds_t count, const timespec* limit, const sigs
   }
   if (Fails(SystemCall::POLL)) {
     return -1;
+  }
+  if (g_beforePoll) {
+    g_beforePoll();
   }
   static auto* const next = Next<int(pollfd*, nfds_t, const timespec*, const sigset_t*)>("ppoll");
   return next(entries, count, limit, mask);
@@ -131,6 +167,31 @@ inline void BeforeConnect(std::function<void(int socket)> hook) {
   faults::g_beforeConnect = std::move(hook);
 }
 
+/// Runs before each accept that does not fail, with the listening socket, and before each poll. Set
+/// them before other threads start.
+inline void BeforeAccept(std::function<void(int socket)> hook) {
+  faults::g_beforeAccept = std::move(hook);
+}
+inline void BeforePoll(std::function<void()> hook) { faults::g_beforePoll = std::move(hook); }
+
+/// For the next `count` questions the process at the other end of a local socket is one of `user`.
+inline void PeersBelongTo(unsigned user, int count) {
+  faults::g_peerUser.store(user);
+  faults::g_peerUserAnswers.store(count);
+}
+
+/// Questions that are still to get that answer.
+inline int PeerAnswersLeft() { return faults::g_peerUserAnswers.load(); }
+
+/// The user of this process.
+inline unsigned OwnUser() { return geteuid(); }
+
+/// The abstract names that were bound since the last call, in order.
+inline std::vector<std::string> TakeBoundNames() {
+  const std::lock_guard guard(faults::g_nameLock);
+  return std::exchange(faults::g_boundNames, {});
+}
+
 }  // namespace TQ::test
 
 extern "C" {
@@ -156,6 +217,9 @@ int accept4(int socket, sockaddr* address, socklen_t* size, int flags) {
   if (TQ::test::faults::Fails(TQ::test::SystemCall::ACCEPT)) {
     return -1;
   }
+  if (TQ::test::faults::g_beforeAccept) {
+    TQ::test::faults::g_beforeAccept(socket);
+  }
   static auto* const next = TQ::test::faults::Next<int(int, sockaddr*, socklen_t*, int)>("accept4");
   return next(socket, address, size, flags);
 }
@@ -164,6 +228,7 @@ int bind(int socket, const sockaddr* address, socklen_t size) noexcept {
   if (TQ::test::faults::Fails(TQ::test::SystemCall::BIND)) {
     return -1;
   }
+  TQ::test::faults::NoteBoundName(address, size);
   static auto* const next = TQ::test::faults::Next<int(int, const sockaddr*, socklen_t)>("bind");
   return next(socket, address, size);
 }
@@ -185,6 +250,36 @@ int getsockname(int socket, sockaddr* address, socklen_t* size) noexcept {
   }
   static auto* const next = TQ::test::faults::Next<int(int, sockaddr*, socklen_t*)>("getsockname");
   return next(socket, address, size);
+}
+
+int getpeername(int socket, sockaddr* address, socklen_t* size) noexcept {
+  if (TQ::test::faults::Fails(TQ::test::SystemCall::GET_PEER_NAME)) {
+    return -1;
+  }
+  static auto* const next = TQ::test::faults::Next<int(int, sockaddr*, socklen_t*)>("getpeername");
+  return next(socket, address, size);
+}
+
+int getsockopt(int socket, int level, int option, void* value, socklen_t* size) noexcept {
+  if (TQ::test::faults::Fails(TQ::test::SystemCall::GET_OPTION)) {
+    return -1;
+  }
+  static auto* const next =
+      TQ::test::faults::Next<int(int, int, int, void*, socklen_t*)>("getsockopt");
+  const int result = next(socket, level, option, value, size);
+  if (result == 0 && level == SOL_SOCKET && option == SO_PEERCRED &&
+      TQ::test::faults::TakeOne(TQ::test::faults::g_peerUserAnswers)) {
+    static_cast<ucred*>(value)->uid = TQ::test::faults::g_peerUser.load();
+  }
+  return result;
+}
+
+int dup3(int descriptor, int target, int flags) noexcept {
+  if (TQ::test::faults::Fails(TQ::test::SystemCall::DUPLICATE)) {
+    return -1;
+  }
+  static auto* const next = TQ::test::faults::Next<int(int, int, int)>("dup3");
+  return next(descriptor, target, flags);
 }
 
 ssize_t send(int socket, const void* bytes, size_t size, int flags) {
