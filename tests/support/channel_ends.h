@@ -13,12 +13,19 @@
 #include <cstddef>
 #include <cstdint>
 #include <optional>
+#include <stdexcept>
 #include <string>
+#include <thread>
+#include <utility>
 
 #include "frame/settings.h"
+#include "platform/pipes.h"
 #include "support/bytes.h"
+#include "support/free_port.h"
 #include "support/loopback_pair.h"
 #include "support/raw_peer.h"
+#include "support/transport.h"
+#include "transport/pipe_channel.h"
 #include "transport/socket_channel.h"
 
 namespace TQ::test {
@@ -26,6 +33,9 @@ namespace TQ::test {
 /// A channel over one end of a TCP connection.
 class SocketEnds final {
  public:
+  /// The least time after which a read without a flag gives a silent peer up.
+  static int64_t SilenceMs(uint32_t ioTimeoutMs) { return (ioTimeoutMs + 1999) / 2000 * 1000 + 1; }
+
   /// `bufferSize` as for LoopbackPair.
   explicit SocketEnds(int bufferSize = 0)
       : pair(bufferSize),
@@ -60,6 +70,62 @@ class SocketEnds final {
   const platform::Handle handle;
   RawPeer far;
   detail::ChannelRef channel;
+};
+
+/// A channel over one end of a pair of pipes, as a connecting side makes it.
+class PipeEnds final {
+ public:
+  static int64_t SilenceMs(uint32_t ioTimeoutMs) { return ioTimeoutMs; }
+
+  PipeEnds() : name(PipeName(FreePort())), far(Connect()) {}
+
+  ITransportChannel& Channel() { return *channel; }
+  const detail::ChannelRef& Ref() const { return channel; }
+  void DropChannel() { channel.Reset(); }
+
+  bool FarSend(const Bytes& bytes) { return far.SendBytes(bytes); }
+  std::optional<Bytes> FarReceive(size_t count) { return far.ReceiveExactly(count); }
+  bool FarStaysSilentFor(std::chrono::milliseconds time) { return far.StaysSilentFor(time); }
+  bool FarSeesClose() { return far.WaitClosed(); }
+  void FarClose() { far.Close(); }
+
+  // What only a pair of pipes has.
+  RawPeer& Far() { return far; }
+  TQ::platform::PipeHandle ReadHandle() const { return readHandle; }
+  TQ::platform::PipeHandle WriteHandle() const { return writeHandle; }
+  const std::string& Name() const { return name; }
+
+ private:
+  RawPeer Connect() {
+    const platform::Handle inbound = platform::ListenPipe(name + "_in");
+    const platform::Handle outbound = platform::ListenPipe(name + "_out");
+    platform::Handle farRead = platform::NO_HANDLE;
+    platform::Handle farWrite = platform::NO_HANDLE;
+    std::thread acceptor([&] {
+      farRead = platform::AcceptPipe(inbound, DEFAULT_DEADLINE);
+      farWrite = platform::AcceptPipe(outbound, DEFAULT_DEADLINE);
+    });
+    const std::string path = TQ::platform::PIPE_PREFIX + name;
+    auto writeEnd =
+        TQ::platform::OpenPipeEnd(path + "_in", TQ::platform::PipeAccess::WRITE, nullptr);
+    auto readEnd =
+        TQ::platform::OpenPipeEnd(path + "_out", TQ::platform::PipeAccess::READ, &writeEnd);
+    acceptor.join();
+    platform::CloseSocket(inbound);
+    platform::CloseSocket(outbound);
+    if (!writeEnd.IsOpen() || !readEnd.IsOpen()) throw std::runtime_error("PipeEnds: no pipes");
+    readHandle = readEnd.Handle();
+    writeHandle = writeEnd.Handle();
+    channel = detail::ChannelRef(new PipeChannel(std::move(readEnd), std::move(writeEnd),
+                                                 "\\" + name + "_out", "\\" + name + "_in"));
+    return RawPeer(farRead, farWrite, name + "_in", name + "_out");
+  }
+
+  const std::string name;
+  TQ::platform::PipeHandle readHandle = TQ::platform::NO_PIPE;
+  TQ::platform::PipeHandle writeHandle = TQ::platform::NO_PIPE;
+  detail::ChannelRef channel;
+  RawPeer far;
 };
 
 /// Exactly `count` bytes within the channel's own limit; nullopt if the read fails.
