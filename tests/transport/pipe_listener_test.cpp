@@ -4,17 +4,34 @@
 #include <tq/tq.h>
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
+#include <cstddef>
+#include <optional>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
+#include "support/channel_ends.h"
+#include "support/free_port.h"
+#include "support/listener_recorder.h"
 #include "support/log_recorder.h"
+#include "support/pipe_library.h"
+#include "support/platform.h"
 #include "support/process_info.h"
+#include "support/raw_peer.h"
+#include "support/socket_state.h"
+#include "support/system_faults.h"
+#include "support/transport.h"
 #include "support/wait_until.h"
 
 namespace TQ::test {
 namespace {
+
+using std::chrono::milliseconds;
+using std::chrono::steady_clock;
+using Texts = std::vector<std::string>;
 
 bool HasThread(const std::string& name) {
   const std::vector<std::string> names = ThreadNames();
@@ -56,6 +73,391 @@ TEST(PipeListener, ShutdownLetsItThroughTheGate) {
   EXPECT_EQ(log.CountOf("ConnThread Pipe Startup"), 1u);
   EXPECT_EQ(log.CountOf("ConnThread Pipe stopped - pipes are not defined"), 1u);
   EXPECT_FALSE(HasThread("tq-listen-pipe"));
+}
+
+// ---- the gate, with pipes ----------------------------------------------------------------------
+
+TEST(PipeListener, MakesItsPipesBehindTheGate) {
+  PipeLibrary library(PipeLibrary::CLOSED);
+  ASSERT_TRUE(WaitUntil([] { return HasThread("tq-listen-pipe"); }));
+  std::this_thread::sleep_for(milliseconds{50});
+  EXPECT_FALSE(RawPeer::TryConnectPipes(library.Name()));
+  ASSERT_EQ(TQConnectionReady(), TQ_ERR_OK);
+  (void)library.Admit("test:1/raw");
+}
+
+TEST(PipeListener, ShutdownBeforeTheGateOpensMakesNoPipe) {
+  LogRecorder log;
+  const int before = SocketsMade();
+  ASSERT_EQ(TQInitializeEx("\\orders", "pipes", 0, nullptr), TQ_ERR_OK);
+  ASSERT_EQ(TQShutdown(), TQ_ERR_OK);
+  EXPECT_EQ(PipeListenerLog(log), (Texts{"8 ConnThread Pipe Startup", "8 ConnThread Shutdown"}));
+  EXPECT_EQ(SocketsMade(), before);
+}
+
+TEST(PipeListener, StartListenersGivesTheNameAndOpensTheGate) {
+  const std::string name = PipeName(FreePort());
+  ASSERT_EQ(TQInitialize("pipes", 0, nullptr), TQ_ERR_OK);
+  ASSERT_EQ(TQStartListeners(nullptr, ("\\" + name).c_str(), 0), TQ_ERR_OK);
+  (void)PipeLibrary::AdmitTo(name, "test:1/raw");
+  ShutDownWithVisitors(name);
+}
+
+// ---- names -------------------------------------------------------------------------------------
+
+void ExpectNoPipes() {
+  LogRecorder log;
+  const int before = SocketsMade();
+  ASSERT_EQ(TQInitialize("pipes", 0, nullptr), TQ_ERR_OK);
+  ASSERT_EQ(TQConnectionReady(), TQ_ERR_OK);
+  EXPECT_TRUE(log.WaitFor(TQ_LOG_INFO, "ConnThread Pipe stopped - pipes are not defined"));
+  EXPECT_EQ(TQShutdown(), TQ_ERR_OK);
+  EXPECT_EQ(PipeListenerLog(log), (Texts{"8 ConnThread Pipe Startup",
+                                         "8 ConnThread Pipe stopped - pipes are not defined"}));
+  EXPECT_EQ(SocketsMade(), before);
+}
+
+TEST(PipeListener, NamesThatAreEqualDefineNoPipes) {
+  detail::inboundPipeName = detail::outboundPipeName = PipeName(FreePort());
+  ExpectNoPipes();
+}
+
+TEST(PipeListener, InboundNameAloneDefinesNoPipes) {
+  detail::inboundPipeName = PipeName(FreePort());
+  ExpectNoPipes();
+}
+
+TEST(PipeListener, OutboundNameAloneDefinesNoPipes) {
+  detail::outboundPipeName = PipeName(FreePort());
+  ExpectNoPipes();
+}
+
+TEST(PipeListener, WithoutANameItGoesOnWithTheNamesThatItHolds) {
+  const std::string name = PipeName(FreePort());
+  detail::inboundPipeName = name + "_in";
+  detail::outboundPipeName = name + "_out";
+  ASSERT_EQ(TQInitialize("pipes", 0, nullptr), TQ_ERR_OK);
+  ASSERT_EQ(TQConnectionReady(), TQ_ERR_OK);
+  (void)PipeLibrary::AdmitTo(name, "test:1/raw");
+  ShutDownWithVisitors(name);
+}
+
+TEST(PipeListener, NamesOutliveAShutdownAndServeAnInitialisationWithoutAName) {
+  std::string name;
+  {
+    const PipeLibrary library;
+    name = library.Name();
+    (void)library.Admit("test:1/before");
+  }
+  EXPECT_EQ(detail::inboundPipeName, name + "_in");
+  EXPECT_EQ(detail::outboundPipeName, name + "_out");
+  ASSERT_EQ(TQInitialize("again", 0, nullptr), TQ_ERR_OK);
+  (void)PipeLibrary::AdmitTo(name, "test:1/after");
+  ShutDownWithVisitors(name);
+  EXPECT_EQ(detail::inboundPipeName, name + "_in");
+}
+
+// ---- lines -------------------------------------------------------------------------------------
+
+std::string InboundLine(const std::string& name) {
+  return R"(8 Inbound pipe \\.\pipe\)" + name + "_in connected";
+}
+
+std::string OutboundLine(const std::string& name) {
+  return R"(8 Outbound pipe \\.\pipe\)" + name + "_out connected";
+}
+
+/// The listener's wait for a peer has begun.
+bool WaitUntilItWaits() {
+  return WaitUntil([] {
+    const std::vector<int64_t> limits = TakePollLimits();
+    return std::any_of(limits.begin(), limits.end(), [](int64_t limit) { return limit > 5000000; });
+  });
+}
+
+TEST(PipeListener, AdmissionIsLoggedLineByLine) {
+  LogRecorder log;
+  {
+    const PipeLibrary library;
+    ASSERT_TRUE(WaitUntilItWaits());
+    const RawPeer peer = library.Admit("test:1/raw");
+    ASSERT_TRUE(log.WaitFor(TQ_LOG_INFO, "Startup completed for test:1/raw"));
+    EXPECT_EQ(PipeListenerLog(log),
+              (Texts{"8 ConnThread Pipe Startup", InboundLine(library.Name()),
+                     OutboundLine(library.Name()), "8 Start management threads for test:1/raw",
+                     "8 Startup completed for test:1/raw"}));
+  }
+  EXPECT_EQ(PipeListenerLog(log).back(), "8 ConnThread Shutdown");
+}
+
+TEST(PipeListener, OneBackslashOfTheHostTextIsCutAndTheOthersStandInTheLines) {
+  LogRecorder log;
+  const PipeLibrary library(PipeLibrary::OPEN, 0, R"(\\)");
+  ASSERT_TRUE(WaitUntilItWaits());
+  const RawPeer peer = library.Admit("test:1/raw");
+  const Texts lines = PipeListenerLog(log);
+  ASSERT_GE(lines.size(), 3u);
+  EXPECT_EQ(lines[1], R"(8 Inbound pipe \\.\pipe\\)" + library.Name() + "_in connected");
+  EXPECT_EQ(lines[2], R"(8 Outbound pipe \\.\pipe\\)" + library.Name() + "_out connected");
+}
+
+TEST(PipeListener, PeerThatWasThereFirstHasNoInboundLine) {
+  LogRecorder log;
+  std::atomic<bool> held{false};
+  BeforeAccept([&](int socket) {
+    if (held.exchange(true)) return;
+    EXPECT_TRUE(WaitUntil([&] { return HasWaitingPeer(socket); }));
+  });
+  {
+    const PipeLibrary library;
+    const RawPeer peer = library.Admit("test:1/raw");
+    const Texts lines = PipeListenerLog(log);
+    ASSERT_GE(lines.size(), 2u);
+    EXPECT_EQ(lines[0], "8 ConnThread Pipe Startup");
+    EXPECT_EQ(lines[1], OutboundLine(library.Name()));
+    EXPECT_EQ(log.CountOfPrefix("Inbound pipe "), 0u);
+  }
+  BeforeAccept(nullptr);
+}
+
+TEST(PipeListener, FailedHandshakeIsToldAndTheNextPeerIsServed) {
+  LogRecorder log;
+  const PipeLibrary library;
+  ASSERT_TRUE(WaitUntilItWaits());
+  auto peer = ConnectToPipes(library.Name());
+  ASSERT_TRUE(peer);
+  peer->ShutdownWrite();
+  ASSERT_TRUE(log.WaitFor(TQ_LOG_ERROR, "Application start failed"));
+  const Texts lines = PipeListenerLog(log);
+  ASSERT_GE(lines.size(), 4u);
+  EXPECT_EQ(lines[1], InboundLine(library.Name()));
+  EXPECT_EQ(lines[2], OutboundLine(library.Name()));
+  EXPECT_EQ(std::count(lines.begin(), lines.end(), "2 Application start failed"), 1);
+  EXPECT_TRUE(peer->WaitClosed());
+  EXPECT_TRUE(WaitUntil([] { return DEBUG_TQObjectCount().sessions == 0; }));
+  (void)library.Admit("test:1/next");
+}
+
+// ---- serving -----------------------------------------------------------------------------------
+
+TEST(PipeListener, AddressesOfASessionAreThePipesNames) {
+  const ListenerRecorder listeners;
+  const PipeLibrary library;
+  const RawPeer peer = library.Admit("test:1/raw");
+  EXPECT_TRUE(listeners.WaitFor("connect " + library.Name() + "_in " + library.Name() +
+                                "_out test:1/raw test 1 raw"));
+}
+
+TEST(PipeListener, AdmitsOnePeerAfterTheOther) {
+  const PipeLibrary library;
+  std::vector<RawPeer> peers;
+  for (int i = 0; i < 10; ++i) peers.push_back(library.Admit("test:1/p" + std::to_string(i)));
+  EXPECT_EQ(DEBUG_TQObjectCount().sessions, 10u);
+}
+
+TEST(PipeListener, WhileAHandshakeRunsThereIsNoPipe) {
+  const PipeLibrary library;
+  auto silent = ConnectToPipes(library.Name());
+  ASSERT_TRUE(silent);
+  EXPECT_TRUE(platform::WaitingPipes(library.Name()).empty());
+  EXPECT_FALSE(RawPeer::TryConnectPipes(library.Name()));
+  silent->Close();
+  (void)library.Admit("test:1/next");
+}
+
+TEST(PipeListener, KeepsNoReferenceToASession) {
+  const PipeLibrary library;
+  RawPeer peer = library.Admit("test:1/raw");
+  EXPECT_EQ(DEBUG_TQObjectCount().sessions, 1u);
+  peer.Close();
+  EXPECT_TRUE(WaitUntil([] { return DEBUG_TQObjectCount().sessions == 0; }));
+}
+
+size_t OutboundLines(const LogRecorder& log) { return log.CountOfPrefix("Outbound pipe "); }
+
+TEST(PipeListener, LimitOfOneAdmitsTwoAndClosesTheThirdWithoutALine) {
+  LogRecorder log;
+  const PipeLibrary library(PipeLibrary::OPEN, 1);
+  RawPeer first = library.Admit("test:1/first");
+  RawPeer second = library.Admit("test:1/second");
+  ASSERT_TRUE(log.WaitFor(TQ_LOG_INFO, "Startup completed for test:1/second"));
+  const size_t before = PipeListenerLog(log).size();
+  auto third = ConnectToPipes(library.Name());
+  ASSERT_TRUE(third);
+  EXPECT_EQ(third->ReceiveUntilClosed(), Bytes()) << "nothing is sent";
+  EXPECT_FALSE(third->SendBytes(Pattern(1)));
+  // The next one has come through, so nothing is still to be said about the third.
+  auto fourth = ConnectToPipes(library.Name());
+  ASSERT_TRUE(fourth);
+  EXPECT_TRUE(fourth->WaitClosed());
+  ASSERT_TRUE(WaitUntil([&] { return OutboundLines(log) >= 4; }));
+  const Texts lines = PipeListenerLog(log);
+  for (size_t i = before; i < lines.size(); ++i) {
+    EXPECT_TRUE(lines[i] == InboundLine(library.Name()) || lines[i] == OutboundLine(library.Name()))
+        << lines[i];
+  }
+  EXPECT_EQ(log.CountOfLevel(TQ_LOG_CRITICAL), 0u);
+  // The two stay, and one that leaves makes room again.
+  EXPECT_TRUE(first.StaysSilentFor(milliseconds{20}));
+  second.Close();
+  ASSERT_TRUE(WaitUntil([] { return DEBUG_TQObjectCount().sessions == 1; }));
+  (void)library.Admit("test:1/third");
+}
+
+// ---- waiting for nobody ------------------------------------------------------------------------
+
+TEST(PipeListener, PipesAreMadeAnewEveryTenSecondsWithoutALine) {
+  LogRecorder log;
+  const PipeLibrary library;
+  ASSERT_TRUE(WaitUntilItWaits());
+  const auto start = steady_clock::now();
+  EXPECT_EQ(TakeBoundNames(),
+            (Texts{"tq.pipe:" + library.Name() + "_in", "tq.pipe:" + library.Name() + "_out"}));
+  Texts again;
+  ASSERT_TRUE(WaitUntil([&] {
+    for (std::string& name : TakeBoundNames()) again.push_back(std::move(name));
+    return again.size() >= 2;
+  }));
+  // The wait had begun a moment before it was seen.
+  EXPECT_GE(ElapsedMs(start), 5000);
+  EXPECT_EQ(again,
+            (Texts{"tq.pipe:" + library.Name() + "_in", "tq.pipe:" + library.Name() + "_out"}));
+  EXPECT_EQ(PipeListenerLog(log), Texts{"8 ConnThread Pipe Startup"});
+  EXPECT_EQ(platform::OpenPipeEnds().size(), 2u) << "the old ones are closed";
+  (void)library.Admit("test:1/raw");
+}
+
+TEST(PipeListener, ShutdownOfAnIdleListenerTakesOneRenewalAtTheMost) {
+  LogRecorder log;
+  const std::string name = PipeName(FreePort());
+  ASSERT_EQ(TQInitializeEx(("\\" + name).c_str(), "pipes", 0, nullptr), TQ_ERR_OK);
+  ASSERT_EQ(TQConnectionReady(), TQ_ERR_OK);
+  ASSERT_TRUE(WaitUntilItWaits());
+  (void)TakeBoundNames();
+  EXPECT_EQ(TQShutdown(), TQ_ERR_OK);
+  EXPECT_LE(TakeBoundNames().size(), 2u);
+  EXPECT_EQ(PipeListenerLog(log), (Texts{"8 ConnThread Pipe Startup", "8 ConnThread Shutdown"}));
+  EXPECT_FALSE(HasThread("tq-listen-pipe"));
+  EXPECT_TRUE(platform::OpenPipeEnds().empty());
+}
+
+// ---- one attempt -------------------------------------------------------------------------------
+
+/// Names of its own, and the log of what one AcceptPipe says.
+class AcceptPipe : public testing::Test {
+ protected:
+  AcceptPipe() {
+    detail::inboundPipeName = name + "_in";
+    detail::outboundPipeName = name + "_out";
+    (void)TakePollLimits();
+  }
+
+  void ExpectNothingLeft() const {
+    EXPECT_TRUE(platform::OpenPipeEnds().empty());
+    EXPECT_TRUE(WaitUntil([&] { return platform::WaitingPipes(name).empty(); }));
+  }
+
+  const std::string name = PipeName(FreePort());
+  LogRecorder log;
+};
+
+TEST_F(AcceptPipe, MakesTheInboundPipeFirstAndGivesAChannelOfBoth) {
+  std::optional<RawPeer> peer;
+  std::thread connector([&] { peer = ConnectToPipes(name); });
+  const detail::ChannelRef channel = detail::AcceptPipe();
+  connector.join();
+  ASSERT_TRUE(channel.IsValid());
+  ASSERT_TRUE(peer);
+  const Texts names = TakeBoundNames();
+  ASSERT_GE(names.size(), 2u);
+  EXPECT_EQ(names[0], "tq.pipe:" + name + "_in");
+  const auto own = [](const std::string& text) { return text.find("tq.pipe:") == 0; };
+  EXPECT_EQ(std::count_if(names.begin(), names.end(), own), 2);
+  EXPECT_EQ(channel->GetLocalAddress(), name + "_in");
+  EXPECT_EQ(channel->GetRemoteAddress(), name + "_out");
+  ASSERT_TRUE(peer->SendBytes(Pattern(10)));
+  EXPECT_EQ(ReceiveBytes(*channel, 10), Pattern(10));
+  EXPECT_EQ(SendBytes(*channel, Pattern(20)), 20);
+  EXPECT_EQ(peer->ReceiveExactly(20), Pattern(20));
+  EXPECT_EQ(log.Texts().back(), OutboundLine(name).substr(2));
+  EXPECT_EQ(log.CountOfLevel(TQ_LOG_INFO), log.Lines().size());
+  EXPECT_TRUE(platform::WaitingPipes(name).empty()) << "one peer at a time";
+}
+
+TEST_F(AcceptPipe, WaitsTenSecondsOnTheFirstPipe) {
+  FailCalls(SystemCall::POLL, 1);
+  EXPECT_FALSE(detail::AcceptPipe());
+  const std::vector<int64_t> limits = TakePollLimits();
+  ASSERT_EQ(limits.size(), 1u);
+  EXPECT_LE(limits[0], 10000000);
+  EXPECT_GT(limits[0], 9100000);
+  EXPECT_TRUE(log.Lines().empty()) << log.Dump();
+  ExpectNothingLeft();
+}
+
+TEST_F(AcceptPipe, NobodyInTenSecondsIsNoChannelAndNoLine) {
+  const auto start = steady_clock::now();
+  EXPECT_FALSE(detail::AcceptPipe());
+  EXPECT_GE(ElapsedMs(start), 10000);
+  EXPECT_TRUE(log.Lines().empty()) << log.Dump();
+  ExpectNothingLeft();
+}
+
+TEST_F(AcceptPipe, WaitsOnTheSecondPipeWithoutALimitAndTheFirstLineIsWrittenBefore) {
+  std::thread acceptor([] { EXPECT_TRUE(detail::AcceptPipe()); });
+  EXPECT_TRUE(WaitUntilItWaits());
+  const platform::Handle inbound =
+      platform::OpenPipe(name + "_in", platform::NO_HANDLE, DEFAULT_DEADLINE);
+  EXPECT_NE(inbound, platform::NO_HANDLE);
+  EXPECT_TRUE(WaitUntil([] {
+    const std::vector<int64_t> limits = TakePollLimits();
+    return std::find(limits.begin(), limits.end(), -1) != limits.end();
+  }));
+  EXPECT_EQ(log.Texts(), Texts{InboundLine(name).substr(2)});
+  const platform::Handle outbound = platform::OpenPipe(name + "_out", inbound, DEFAULT_DEADLINE);
+  EXPECT_NE(outbound, platform::NO_HANDLE);
+  acceptor.join();
+  EXPECT_EQ(log.Texts(), (Texts{InboundLine(name).substr(2), OutboundLine(name).substr(2)}));
+  platform::CloseSocket(inbound);
+  platform::CloseSocket(outbound);
+}
+
+TEST_F(AcceptPipe, FailureAtTheFirstPipeIsNoChannelAndNoLine) {
+  FailCalls(SystemCall::ACCEPT, 1);
+  EXPECT_FALSE(detail::AcceptPipe());
+  EXPECT_TRUE(TakePollLimits().empty());
+  EXPECT_TRUE(log.Lines().empty()) << log.Dump();
+  ExpectNothingLeft();
+}
+
+TEST_F(AcceptPipe, FailureAtTheSecondPipeClosesBoth) {
+  // Two find nobody, one takes the peer, and the fourth is that of the second pipe.
+  FailCalls(SystemCall::ACCEPT, 1, 3);
+  detail::ChannelRef channel;
+  std::thread acceptor([&] { channel = detail::AcceptPipe(); });
+  EXPECT_TRUE(WaitUntilItWaits());
+  const platform::Handle inbound =
+      platform::OpenPipe(name + "_in", platform::NO_HANDLE, DEFAULT_DEADLINE);
+  EXPECT_NE(inbound, platform::NO_HANDLE);
+  acceptor.join();
+  EXPECT_FALSE(channel);
+  EXPECT_EQ(FailedCalls(SystemCall::ACCEPT), 1);
+  EXPECT_EQ(log.Texts(), Texts{InboundLine(name).substr(2)});
+  platform::CloseSocket(inbound);
+  ExpectNothingLeft();
+}
+
+TEST_F(AcceptPipe, NameThatIsTakenIsNoChannelAndNoLineAndNotTriedWithoutAPause) {
+  for (const char* taken : {"_in", "_out"}) {
+    const platform::Handle holder = platform::ListenPipe(name + taken);
+    const auto start = steady_clock::now();
+    EXPECT_FALSE(detail::AcceptPipe()) << taken;
+    EXPECT_GE(ElapsedMs(start), 100);
+    EXPECT_EQ(platform::OpenPipeEnds(), std::vector<platform::Handle>{holder});
+    EXPECT_TRUE(TakePollLimits().empty());
+    platform::CloseSocket(holder);
+  }
+  EXPECT_TRUE(log.Lines().empty()) << log.Dump();
 }
 
 }  // namespace
