@@ -7,6 +7,7 @@
 #include <optional>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "platform/sockets.h"
@@ -16,6 +17,7 @@
 #include "support/host_conditions.h"
 #include "support/log_recorder.h"
 #include "support/loopback_pair.h"
+#include "support/platform.h"
 #include "support/raw_peer.h"
 #include "support/socket_state.h"
 #include "support/system_faults.h"
@@ -27,8 +29,10 @@ namespace TQ::test {
 namespace {
 
 using detail::ChannelRef;
+using detail::ConnectPipe;
 using detail::ConnectSocket;
 using std::chrono::steady_clock;
+using Texts = std::vector<std::string>;
 
 /// An outgoing session of the library and the peer that it reached.
 struct Connected {
@@ -72,13 +76,6 @@ TEST(OutboundConnection, OnlyDottedTextsAreTargets) {
   EXPECT_EQ(TQConnect("", port, nullptr, 0, nullptr, 0), TQ_ERR_FAILED);
   EXPECT_EQ(SocketsMade(), before);
   EXPECT_EQ(log.CountOfPrefix("Socket channel"), 0u) << log.Dump();
-}
-
-TEST(OutboundConnection, PipeTargetReachesNobody) {
-  RawListener listener(FreePort());
-  const std::string target = "\\" + PipeName(listener.Port());
-  EXPECT_EQ(TQConnect(target.c_str(), listener.Port(), nullptr, 0, nullptr, 0), TQ_ERR_FAILED);
-  EXPECT_FALSE(listener.Accept(std::chrono::milliseconds{0})) << "its port counts for nothing";
 }
 
 TEST(OutboundConnection, SixteenBitsOfThePortCount) {
@@ -258,6 +255,259 @@ TEST(OutboundConnection, PeerThatDoesNotAnswerIsGivenUpAfterTwoWaits) {
   EXPECT_EQ(OpenSockets().size(), before);
   EXPECT_TRUE(log.Lines().empty()) << log.Dump();
   TQ::platform::CloseSocket(listener);
+}
+
+// ---- pipes -------------------------------------------------------------------------------------
+
+/// A pair of pipes that waits for one peer.
+class RawPipes final {
+ public:
+  explicit RawPipes(const std::string& pipeName)
+      : name(pipeName),
+        inbound(platform::ListenPipe(name + "_in")),
+        outbound(platform::ListenPipe(name + "_out")) {}
+  RawPipes() : RawPipes(PipeName(FreePort())) {}
+  ~RawPipes() {
+    CloseInbound();
+    CloseOutbound();
+  }
+  RawPipes(const RawPipes&) = delete;
+  RawPipes& operator=(const RawPipes&) = delete;
+
+  const std::string& Name() const { return name; }
+  std::string Target() const { return "\\" + name; }
+
+  void CloseInbound() { platform::CloseSocket(std::exchange(inbound, platform::NO_HANDLE)); }
+  void CloseOutbound() { platform::CloseSocket(std::exchange(outbound, platform::NO_HANDLE)); }
+
+  /// The pipe that the connecting side writes to, which the caller closes.
+  platform::Handle AcceptInbound() {
+    const platform::Handle accepted = platform::AcceptPipe(inbound, DEFAULT_DEADLINE);
+    CloseInbound();
+    return accepted;
+  }
+
+  std::optional<RawPeer> Accept() {
+    const platform::Handle read = AcceptInbound();
+    const platform::Handle write = platform::AcceptPipe(outbound, DEFAULT_DEADLINE);
+    CloseOutbound();
+    RawPeer peer(read, write, Target() + "_in", Target() + "_out");
+    if (read == platform::NO_HANDLE || write == platform::NO_HANDLE) return std::nullopt;
+    return peer;
+  }
+
+ private:
+  const std::string name;
+  platform::Handle inbound;
+  platform::Handle outbound;
+};
+
+std::string FirstLine(const std::string& target) {
+  return R"(Waiting named pipe\\.\pipe\)" + target + "_in";
+}
+
+std::string SecondLine(const std::string& target) {
+  return R"(Waiting named pipe \\.\pipe\)" + target + "_out";
+}
+
+constexpr char FAILURE_LINE[] = "Waiting named pipe done";
+
+/// All lines but those of a session's own end.
+void ExpectInfoLines(const LogRecorder& log, const Texts& texts) {
+  Texts own;
+  for (const LogLine& line : log.Lines()) {
+    if (line.text.find("TQAPPImpl::~TQAPPImpl()") != std::string::npos) continue;
+    own.push_back(line.text);
+    EXPECT_EQ(line.level, TQ_LOG_INFO) << line.text;
+  }
+  EXPECT_EQ(own, texts);
+}
+
+TEST(OutboundPipe, ChannelReachesThePeerAndWritesTwoLines) {
+  RawPipes pipes;
+  LogRecorder log;
+  ChannelRef channel;
+  std::thread connector([&] { channel = ConnectPipe(pipes.Target()); });
+  auto peer = pipes.Accept();
+  connector.join();
+  ASSERT_TRUE(peer);
+  ASSERT_TRUE(channel.IsValid());
+  EXPECT_EQ(channel->GetLocalAddress(), "\\" + pipes.Name() + "_out");
+  EXPECT_EQ(channel->GetRemoteAddress(), "\\" + pipes.Name() + "_in");
+  EXPECT_EQ(SendBytes(*channel, Pattern(100)), 100);
+  EXPECT_EQ(peer->ReceiveExactly(100), Pattern(100));
+  ASSERT_TRUE(peer->SendBytes(Pattern(50)));
+  EXPECT_EQ(ReceiveBytes(*channel, 50), Pattern(50));
+  ExpectInfoLines(log, {FirstLine("\\" + pipes.Name()), SecondLine("\\" + pipes.Name())});
+}
+
+TEST(OutboundPipe, TargetStandsInLinesAndAddressesAsItIs) {
+  RawPipes pipes;
+  const std::string target = R"(\\\)" + pipes.Name();
+  LogRecorder log;
+  ChannelRef channel;
+  std::thread connector([&] { channel = ConnectPipe(target); });
+  EXPECT_TRUE(pipes.Accept());
+  connector.join();
+  ASSERT_TRUE(channel.IsValid());
+  EXPECT_EQ(channel->GetLocalAddress(), target + "_out");
+  EXPECT_EQ(channel->GetRemoteAddress(), target + "_in");
+  EXPECT_EQ(log.Texts(), (Texts{R"(Waiting named pipe\\.\pipe\\\\)" + pipes.Name() + "_in",
+                                R"(Waiting named pipe \\.\pipe\\\\)" + pipes.Name() + "_out"}));
+}
+
+TEST(OutboundPipe, FirstPipeIsOpenBeforeTheSecondIsLookedFor) {
+  RawPipes pipes;
+  LogRecorder log;
+  ChannelRef channel;
+  std::thread connector([&] { channel = ConnectPipe(pipes.Target()); });
+  // Nobody takes the first, and so the second is not even told of.
+  EXPECT_TRUE(log.WaitFor(TQ_LOG_INFO, FirstLine("\\" + pipes.Name())));
+  std::this_thread::sleep_for(std::chrono::milliseconds{50});
+  EXPECT_EQ(log.Lines().size(), 1u);
+  auto peer = pipes.Accept();
+  connector.join();
+  EXPECT_TRUE(peer);
+  EXPECT_TRUE(channel);
+}
+
+TEST(OutboundPipe, PortOfAPipeTargetIsIgnored) {
+  for (const int32_t port : {0, 20000, -1}) {
+    RawPipes pipes;
+    std::optional<RawPeer> peer;
+    HandshakeResult greeting;
+    std::thread acceptor([&] {
+      peer = pipes.Accept();
+      if (peer) greeting = peer->HandshakeAsAcceptor("test:1/raw");
+    });
+    EXPECT_EQ(TQConnect(pipes.Target().c_str(), port, nullptr, 0, nullptr, 0), TQ_ERR_OK) << port;
+    acceptor.join();
+    EXPECT_TRUE(greeting.Completed()) << greeting.failure;
+    EXPECT_TRUE(greeting.digestMatches);
+    EXPECT_TRUE(OpenSockets().empty());
+    TQDisconnect("test:1/raw");
+    EXPECT_TRUE(WaitUntil([] { return DEBUG_TQObjectCount().sessions == 0; }));
+  }
+}
+
+TEST(OutboundPipe, FailedHandshakeClosesBothPipes) {
+  RawPipes pipes;
+  std::thread acceptor([&] {
+    auto peer = pipes.Accept();
+    ASSERT_TRUE(peer);
+    // The digest is read, and the second name never comes.
+    HandshakeOptions options;
+    options.stopAfterStep = 4;
+    EXPECT_EQ(peer->HandshakeAsAcceptor("test:1/raw", {}, options).stepsDone, 4);
+    peer->ShutdownWrite();
+    EXPECT_TRUE(peer->WaitClosed());
+  });
+  EXPECT_EQ(TQConnect(pipes.Target().c_str(), 0, nullptr, 0, nullptr, 0), TQ_ERR_NAME_REJECTED);
+  acceptor.join();
+  EXPECT_TRUE(WaitUntil([] { return DEBUG_TQObjectCount().sessions == 0; }));
+  EXPECT_TRUE(WaitUntil([] { return platform::OpenPipeEnds().empty(); }));
+}
+
+TEST(OutboundPipe, ListenerMayComeLater) {
+  const std::string name = PipeName(FreePort());
+  const int before = SocketsMade();
+  ChannelRef channel;
+  std::thread connector([&] { channel = ConnectPipe("\\" + name); });
+  EXPECT_TRUE(WaitUntil([&] { return SocketsMade() >= before + 2; }));
+  RawPipes pipes(name);
+  EXPECT_TRUE(pipes.Accept());
+  connector.join();
+  EXPECT_TRUE(channel);
+}
+
+TEST(OutboundPipe, SeveralThreadsMayConnectAtTheSameTime) {
+  const std::string name = PipeName(FreePort());
+  std::vector<ChannelRef> channels(8);
+  std::vector<std::thread> threads;
+  for (ChannelRef& channel : channels) {
+    threads.emplace_back([&] {
+      channel = ConnectPipe("\\" + name);
+      EXPECT_TRUE(channel && SendBytes(*channel, {7}) == 1);
+    });
+  }
+  std::vector<RawPeer> peers;
+  for (size_t i = 0; i < channels.size(); ++i) {
+    RawPipes pipes(name);
+    auto peer = pipes.Accept();
+    EXPECT_TRUE(peer);
+    if (!peer) break;
+    EXPECT_EQ(peer->ReceiveExactly(1), Bytes{7});
+    peers.push_back(std::move(*peer));
+  }
+  for (std::thread& thread : threads) thread.join();
+  for (const ChannelRef& channel : channels) EXPECT_TRUE(channel.IsValid());
+}
+
+TEST(OutboundPipe, WorksWithDescriptorsAboveTheOldSetLimitAndUnderSignals) {
+  const DescriptorsInUse used(1100);
+  const SignalStorm storm;
+  for (int i = 0; i < 20; ++i) {
+    RawPipes pipes;
+    ChannelRef channel;
+    std::thread connector([&] { channel = ConnectPipe(pipes.Target()); });
+    auto peer = pipes.Accept();
+    connector.join();
+    ASSERT_TRUE(peer);
+    ASSERT_TRUE(channel.IsValid());
+    EXPECT_EQ(SendBytes(*channel, Pattern(10)), 10);
+    EXPECT_EQ(peer->ReceiveExactly(10), Pattern(10));
+  }
+}
+
+TEST(OutboundPipe, WithoutAListenerItFailsAfterTenSecondsAndSaysSo) {
+  const std::string target = "\\" + PipeName(FreePort());
+  LogRecorder log;
+  const auto start = steady_clock::now();
+  EXPECT_EQ(TQConnect(target.c_str(), 1, nullptr, 0, nullptr, 0), TQ_ERR_FAILED);
+  EXPECT_GE(ElapsedMs(start), 10000);
+  ExpectInfoLines(log, {FirstLine(target), FAILURE_LINE});
+  EXPECT_TRUE(WaitUntil([] { return DEBUG_TQObjectCount().sessions == 0; }));
+}
+
+TEST(OutboundPipe, WithoutASecondPipeTheFirstIsClosedAfterTenSeconds) {
+  RawPipes pipes;
+  pipes.CloseOutbound();
+  LogRecorder log;
+  ChannelRef channel;
+  const auto start = steady_clock::now();
+  std::thread connector([&] { channel = ConnectPipe(pipes.Target()); });
+  RawPeer inbound(pipes.AcceptInbound());
+  EXPECT_TRUE(inbound.WaitClosed());
+  connector.join();
+  EXPECT_GE(ElapsedMs(start), 10000);
+  EXPECT_FALSE(channel);
+  ExpectInfoLines(log, {FirstLine(pipes.Target()), SecondLine(pipes.Target()), FAILURE_LINE});
+}
+
+TEST(OutboundPipe, ListenerThatGoesBetweenTheTwoPipesFailsTheConnectAtOnce) {
+  RawPipes pipes;
+  LogRecorder log;
+  _tag_TQ_ERROR result = TQ_ERR_OK;
+  const int before = SocketsMade();
+  std::thread connector(
+      [&] { result = TQConnect(pipes.Target().c_str(), 0, nullptr, 0, nullptr, 0); });
+  const platform::Handle inbound = pipes.AcceptInbound();
+  EXPECT_TRUE(log.WaitFor(TQ_LOG_INFO, SecondLine(pipes.Target())));
+  platform::CloseSocket(inbound);
+  pipes.CloseOutbound();
+  connector.join();
+  EXPECT_EQ(result, TQ_ERR_FAILED);
+  ExpectInfoLines(log, {FirstLine(pipes.Target()), SecondLine(pipes.Target()), FAILURE_LINE});
+  EXPECT_EQ(SocketsMade(), before + 2) << "one attempt for each pipe";
+  EXPECT_TRUE(platform::OpenPipeEnds().empty());
+}
+
+TEST(OutboundPipe, EmptyNameIsNotWaitedFor) {
+  LogRecorder log;
+  const int before = SocketsMade();
+  EXPECT_FALSE(ConnectPipe(""));
+  EXPECT_EQ(SocketsMade(), before);
+  ExpectInfoLines(log, {FirstLine(""), FAILURE_LINE});
 }
 
 }  // namespace
