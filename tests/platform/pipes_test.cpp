@@ -630,6 +630,19 @@ TEST(OpenPipeEnd, SecondPipeIsGivenUpWhenTheFirstHangsUpMeanwhile) {
   EXPECT_EQ(sockets.Made(), 1);
 }
 
+// The name of the second may have another owner by then, who takes nobody yet.
+TEST(OpenPipeEnd, SecondPipeIsGivenUpInItsQueueWhenTheFirstHangsUp) {
+  SecondPipe pipes;
+  const SocketCount sockets;
+  const auto start = steady_clock::now();
+  Running<PipeEnd> opener([&] { return Open(pipes.outName, &pipes.first.opened); });
+  ASSERT_TRUE(WaitUntil([&] { return HasWaitingPeer(pipes.waiting.Handle()); }));
+  pipes.first.accepted.Close();
+  EXPECT_FALSE(opener.Take().IsOpen());
+  EXPECT_EQ(sockets.Made(), 1);
+  EXPECT_LT(ElapsedMs(start), 10000) << "the limit of the wait has nothing to do with it";
+}
+
 TEST(OpenPipeEnd, SecondPipeIsWaitedForWhileTheFirstStands) {
   Pipe first;
   const SocketCount sockets;

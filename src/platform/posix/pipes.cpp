@@ -26,6 +26,7 @@
 #include <chrono>
 #include <cstddef>
 #include <cstring>
+#include <iterator>
 #include <optional>
 #include <string_view>
 #include <thread>
@@ -247,10 +248,17 @@ bool BindForPeer(int socket, const PipeEnd* companion) {
   return ::bind(socket, own.Get(), own.length) == 0;
 }
 
-bool AwaitGrant(int socket, const Deadline& deadline) {
+/// False at once when the other pipe of the connection hangs up: the name may have another owner by
+/// then, whose queue this one stands in for nothing.
+bool AwaitGrant(int socket, const PipeEnd* companion, const Deadline& deadline) {
+  const int other = companion == nullptr ? -1 : Descriptor(*companion);  // -1 is passed over
+  pollfd entries[] = {{socket, POLLIN, 0}, {other, 0, 0}};
+  const int ready = Uninterrupted([&] {
+    timespec storage{};
+    return ::ppoll(entries, std::size(entries), deadline.Remaining(&storage), nullptr);
+  });
   char grant = 0;
-  return AwaitReadable(socket, deadline) == PipeWait::SIGNALLED &&
-         Uninterrupted([&] { return ::recv(socket, &grant, 1, 0); }) == 1;
+  return ready > 0 && Uninterrupted([&] { return ::recv(socket, &grant, 1, 0); }) == 1;
 }
 
 /// One attempt: a blocking stream, or -1.
@@ -260,7 +268,8 @@ int TryOpen(const Address& address, const PipeEnd* companion, const Deadline& de
   int off = 0;
   if (BindForPeer(socket, companion) &&
       Uninterrupted([&] { return ::connect(socket, address.Get(), address.length); }) == 0 &&
-      MayTalkTo(socket) && AwaitGrant(socket, deadline) && ::ioctl(socket, FIONBIO, &off) == 0) {
+      MayTalkTo(socket) && AwaitGrant(socket, companion, deadline) &&
+      ::ioctl(socket, FIONBIO, &off) == 0) {
     return socket;
   }
   (void)::close(socket);
