@@ -257,6 +257,14 @@ TEST(PipeChannel, DefaultTimeLimitIsAMinute) {
   ExpectWaitOf(limits[0], 60000000);
 }
 
+TEST(PipeChannel, LargestTimeLimitIsNone) {
+  SetLimits(0xFFFFFFFF);
+  PipeEnds ends;
+  const AtEachWait hook([&](int) { (void)ends.FarSend({7}); });
+  EXPECT_EQ(ReceiveBytes(ends.Channel(), 1), Bytes{7});
+  EXPECT_EQ(TakePollLimits(), std::vector<int64_t>{-1});
+}
+
 // The pieces come after the time limit of the whole, and within that of each read.
 TEST(PipeChannel, EachReadOfTheSystemHasATimeLimitOfItsOwn) {
   SetLimits(1000);
