@@ -1,5 +1,6 @@
 // The pipe transport between processes that compete for a name or die with it.
 #include <gtest/gtest.h>
+#include <tq/tq.h>
 
 #include <chrono>
 #include <cstdint>
@@ -281,6 +282,34 @@ TEST_F(PipeFaults, ClientThatDiesBetweenTheTwoPipesLeavesTheListenerInItsWait) {
       << "nobody else gets in";
   EXPECT_TRUE(server.IsRunning());
   End(server);
+}
+
+// Shuts down when it is told to: NAME.
+TQ_TEST_ROLE(library) {
+  EXPECT_EQ(TQInitializeEx(("\\" + args.at(0)).c_str(), "library", 0, nullptr), TQ_ERR_OK);
+  EXPECT_EQ(TQConnectionReady(), TQ_ERR_OK);
+  Say("listens");
+  AwaitCommand("stop");
+  EXPECT_EQ(TQShutdown(), TQ_ERR_OK);
+  Say("down");
+  return 0;
+}
+
+// Required: a peer that opens one pipe and not the other keeps a shutdown from its end.
+TEST_F(PipeFaults, PeerThatOpensOnlyTheFirstPipeHoldsTheShutdown) {
+  ChildProcess library("library", {name});
+  ASSERT_TRUE(library.ExpectLine("listens"));
+  auto inbound = platform::NO_HANDLE;
+  ASSERT_TRUE(WaitUntil([&] {
+    inbound = platform::OpenPipe(name + "_in", platform::NO_HANDLE, DEFAULT_DEADLINE);
+    return inbound != platform::NO_HANDLE;
+  }));
+  ASSERT_TRUE(library.WriteLine("stop"));
+  EXPECT_EQ(library.ReadLine(milliseconds{2000}), std::nullopt);
+  platform::CloseSocket(platform::OpenPipe(name + "_out", inbound, DEFAULT_DEADLINE));
+  platform::CloseSocket(inbound);
+  EXPECT_TRUE(library.ExpectLine("down"));
+  EXPECT_TRUE(library.ExpectSuccess());
 }
 
 // ---- two listeners -----------------------------------------------------------------------------
