@@ -26,8 +26,14 @@
 #include "support/transport.h"
 #include "support/wait_until.h"
 
+// The linker leads the library's zeroed blocks here (see tests/CMakeLists.txt).
+extern "C" void* __real_calloc(std::size_t count, std::size_t size);
+
 namespace TQ::test {
 namespace {
+
+/// Sessions that are still to find no memory.
+std::atomic<int> g_refusedSessions{0};
 
 using std::chrono::milliseconds;
 using std::chrono::steady_clock;
@@ -238,6 +244,19 @@ TEST(PipeListener, FailedHandshakeIsToldAndTheNextPeerIsServed) {
   (void)library.Admit("test:1/next");
 }
 
+TEST(PipeListener, SessionThatCannotBeMadeIsToldAndItsPeerClosed) {
+  LogRecorder log;
+  g_refusedSessions = 1;
+  const PipeLibrary library;
+  auto peer = ConnectToPipes(library.Name());
+  ASSERT_TRUE(peer);
+  EXPECT_EQ(peer->ReceiveUntilClosed(), Bytes());
+  EXPECT_TRUE(log.WaitFor(TQ_LOG_ERROR, "Cannot create application object"));
+  EXPECT_EQ(PipeListenerLog(log).back(), "2 Cannot create application object");
+  (void)library.Admit("test:1/next");
+  EXPECT_EQ(log.CountOfLevel(TQ_LOG_ERROR), 1u);
+}
+
 // ---- serving -----------------------------------------------------------------------------------
 
 TEST(PipeListener, AddressesOfASessionAreThePipesNames) {
@@ -259,7 +278,8 @@ TEST(PipeListener, WhileAHandshakeRunsThereIsNoPipe) {
   const PipeLibrary library;
   auto silent = ConnectToPipes(library.Name());
   ASSERT_TRUE(silent);
-  EXPECT_TRUE(platform::WaitingPipes(library.Name()).empty());
+  // Its name is closed a moment after the peer was told that it was taken.
+  EXPECT_TRUE(WaitUntil([&] { return platform::WaitingPipes(library.Name()).empty(); }));
   EXPECT_FALSE(RawPeer::TryConnectPipes(library.Name()));
   silent->Close();
   (void)library.Admit("test:1/next");
@@ -381,7 +401,8 @@ TEST_F(AcceptPipe, MakesTheInboundPipeFirstAndGivesAChannelOfBoth) {
   EXPECT_EQ(peer->ReceiveExactly(20), Pattern(20));
   EXPECT_EQ(log.Texts().back(), OutboundLine(name).substr(2));
   EXPECT_EQ(log.CountOfLevel(TQ_LOG_INFO), log.Lines().size());
-  EXPECT_TRUE(platform::WaitingPipes(name).empty()) << "one peer at a time";
+  EXPECT_TRUE(WaitUntil([&] { return platform::WaitingPipes(name).empty(); }))
+      << "one peer at a time";
 }
 
 TEST_F(AcceptPipe, WaitsTenSecondsOnTheFirstPipe) {
@@ -462,3 +483,9 @@ TEST_F(AcceptPipe, NameThatIsTakenIsNoChannelAndNoLineAndNotTriedWithoutAPause) 
 
 }  // namespace
 }  // namespace TQ::test
+
+extern "C" void* __wrap_calloc(std::size_t count, std::size_t size) {
+  using namespace TQ::test;
+  if (size == sizeof(TQAPPImpl) && faults::TakeOne(g_refusedSessions)) return nullptr;
+  return __real_calloc(count, size);
+}
