@@ -1,6 +1,7 @@
 // catalog: keeps the packages that a scanner reports, and tells watchers of each change.
 //
-// It ends when a scanner has said that it is done and all peers have gone, or on an interrupt.
+// It ends when a scanner has said that it is done and all peers have gone, or on an interrupt; over
+// a pipe up to ten seconds later.
 #include <csignal>
 #include <cstdio>
 #include <exception>
@@ -40,7 +41,7 @@ void OnAuthFailed(const char*, const char* remoteAddress, const char* applicatio
       " was refused, its authentication block is another one");
 }
 
-// The log is the only way in which the listener says how it fares.
+// The log is the only way in which the socket listener says how it fares.
 void OnLog(uint32_t level, int32_t verbosity, const char* text) {
   const std::string_view line = text;
   if (line.starts_with("listening for incoming connection")) Say(std::string("catalog: ") + text);
@@ -66,7 +67,7 @@ int Run(const Options& options) {
   StartLog(options.log);
   TQSetLogLevel(EVERY_LEVEL, 0, OnLog);
 
-  Host host("catalog", options.port);
+  Host host("catalog", options.place);
   const _tag_SLOT_DESCRIPTION slots[] = {{SLOT_REPORT, Slot<&CatalogStore::Report>, &store},
                                          {SLOT_REMOVE, Slot<&CatalogStore::Remove>, &store},
                                          {SLOT_FINISH, Slot<&CatalogStore::Finish>, &store},
@@ -74,6 +75,8 @@ int Run(const Options& options) {
   TQRegisterSlots(slots, static_cast<int>(std::size(slots)));
   TQRegisterSignal(SIGNAL_CHANGED);
   TQConnectionReady();
+  // The log does not tell when a pipe is there, but who connects waits for it.
+  if (options.place.IsPipe()) Say("catalog: listening on " + options.place.Text());
 
   const bool complete = g_life.WaitForEnd();
   host.Stop();

@@ -1,10 +1,11 @@
 #!/usr/bin/env bash
 # Runs catalog, watcher and scanner on one status file and compares what they say.
 #
-#   demo.sh BINDIR [STATUS_FILE] [SCANNER_OPTION...]
+#   demo.sh BINDIR [--pipe NAME] [STATUS_FILE] [SCANNER_OPTION...]
 #
-# BINDIR holds the three programs. The status file is the machine's own where nothing else is said,
-# and the sample beside this script where the machine has none.
+# BINDIR holds the three programs. They talk over TCP, or over the pipe of that name, which nobody
+# else may be using. The status file is the machine's own where nothing else is said, and the sample
+# beside this script where the machine has none.
 #
 # Exits with 0 only if all three ended well with the same totals, if these are the totals that
 # dpkg-query reports for the same file, and if no session, message or list was left over.
@@ -13,7 +14,7 @@ set -euo pipefail
 readonly SYSTEM_STATUS=/var/lib/dpkg/status
 readonly READY_LIMIT_SECONDS=20 # for a program to say that it is ready
 readonly RUN_LIMIT_SECONDS=90   # for all three to end
-readonly KILL_LIMIT_SECONDS=5   # for a program that was told to end
+readonly KILL_LIMIT_SECONDS=15  # for a program that was told to end; on a pipe it takes up to 10
 
 here=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
 
@@ -23,12 +24,19 @@ fail() {
   exit 1
 }
 
-[[ $# -ge 1 ]] || fail "usage: demo.sh BINDIR [STATUS_FILE] [SCANNER_OPTION...]"
+[[ $# -ge 1 ]] || fail "usage: demo.sh BINDIR [--pipe NAME] [STATUS_FILE] [SCANNER_OPTION...]"
 bindir=$1
 shift
 for program in catalog watcher scanner; do
   [[ -x $bindir/$program ]] || fail "$bindir/$program is not there; build it first"
 done
+
+pipe=
+if [[ ${1:-} == --pipe ]]; then
+  [[ -n ${2:-} ]] || fail "--pipe needs a name"
+  pipe=$2
+  shift 2
+fi
 
 if [[ $# -ge 1 && $1 != -* ]]; then
   status_file=$1
@@ -84,22 +92,29 @@ wait_for_end() {
   wait "$pid"
 }
 
-# start_catalog: on a port that was free a moment ago. If somebody takes it in between, the catalog
-# says so and ends, and the next port is tried.
+# start_catalog_on OPTION VALUE: the place where it listens.
+start_catalog_on() {
+  "$bindir/catalog" "$@" --auth "$work/auth" >"$work/catalog.out" 2>"$work/catalog.err" &
+  pids[catalog]=$!
+  wait_until_ready catalog "listening" || return 1
+  connection+=("$@")
+}
+
+# start_catalog: on the pipe, or on a port that was free a moment ago. If somebody takes the port in
+# between, the catalog says so and ends, and the next one is tried.
 start_catalog() {
-  local attempt
+  local attempt port
+  if [[ -n $pipe ]]; then
+    start_catalog_on --pipe "$pipe"
+    return
+  fi
   for attempt in {1..10}; do
     # Below the range from which systems take the ports of outgoing connections.
     port=$((20000 + RANDOM % 10000))
     if (exec 3<>"/dev/tcp/127.0.0.1/$port") 2>/dev/null; then
       continue
     fi
-    "$bindir/catalog" --port "$port" --auth "$work/auth" \
-      >"$work/catalog.out" 2>"$work/catalog.err" &
-    pids[catalog]=$!
-    if wait_until_ready catalog "listening"; then
-      return 0
-    fi
+    start_catalog_on --port "$port" && return 0
     alive catalog && return 1
     unset "pids[catalog]"
   done
@@ -159,7 +174,6 @@ run_deadline=$((SECONDS + RUN_LIMIT_SECONDS))
 
 say "$status_file"
 start_catalog || { cat "$work/catalog.err" >&2; fail "the catalog does not listen"; }
-connection+=(--port "$port")
 
 "$bindir/watcher" "${connection[@]}" >"$work/watcher.out" 2>"$work/watcher.err" &
 pids[watcher]=$!
@@ -176,6 +190,8 @@ problem() {
   problems=$((problems + 1))
 }
 
+[[ -z $pipe ]] ||
+  say "an idle pipe listener looks up every 10 seconds, so the catalog may take that long to end"
 for program in scanner watcher catalog; do
   code=0
   wait_for_end "$program" || code=$?

@@ -63,8 +63,8 @@ void LogLine(std::uint32_t level, std::int32_t, const char* text) {
   if (g_logWanted) std::fprintf(stderr, "[%s] %s\n", LevelName(level), text);
 }
 
-Host::Host(const char* name, int port) : before(DEBUG_TQObjectCount()) {
-  if (TQInitialize(name, port, nullptr) != TQ_ERR_OK)
+Host::Host(const char* name, const Place& place) : before(DEBUG_TQObjectCount()) {
+  if (TQInitializeEx(place.host.c_str(), name, place.port, nullptr) != TQ_ERR_OK)
     throw std::runtime_error("the library did not start");
   running = true;
 }
@@ -86,12 +86,13 @@ bool Host::LeftNothing(std::vector<Row>& rows) const {
   return IsBack(now, before);
 }
 
-std::string ConnectToCatalog(int port, const std::string& authFile) {
+std::string ConnectToCatalog(const Place& place, const std::string& authFile) {
   const AuthBlock auth = ReadAuthBlock(authFile);
   std::array<char, 256> name = {};
   const auto deadline = steady_clock::now() + seconds(5);
   for (;;) {
-    switch (TQConnect("127.0.0.1", port, name.data(), name.size(), auth.data(), auth.size())) {
+    switch (TQConnect(place.host.c_str(), place.port, name.data(), name.size(), auth.data(),
+                      auth.size())) {
       case TQ_ERR_OK:
         return name.data();
       case TQ_ERR_NAME_REJECTED:
@@ -102,7 +103,7 @@ std::string ConnectToCatalog(int port, const std::string& authFile) {
         break;
     }
     if (steady_clock::now() > deadline)
-      throw std::runtime_error("no catalog answers on port " + std::to_string(port));
+      throw std::runtime_error("no catalog answers on " + place.Text());
     std::this_thread::sleep_for(milliseconds(250));
   }
 }

@@ -85,8 +85,8 @@ int Run(const ScannerOptions& options) {
   // Never destroyed: if the scan fails, completions may still come after TQShutdown.
   static Removals& removals = *new Removals;
   StartLog(options.log);
-  Host host("scanner", 0);
-  TQ::TQApplicationHolder catalog(ConnectToCatalog(options.port, options.authFile).c_str());
+  Host host("scanner");
+  TQ::TQApplicationHolder catalog(ConnectToCatalog(options.place, options.authFile).c_str());
 
   std::vector<double> roundTrips;
   const auto start = std::chrono::steady_clock::now();

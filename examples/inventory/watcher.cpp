@@ -32,7 +32,7 @@ int OnChanged(HTQPARAMLIST change, HTQPARAMLIST, const TQSlotCallInfo* info) {
 void OnDisconnect(const char*, const char*, int32_t, const char*) { g_view->Lose(); }
 
 Totals Watch(const Options& options, CatalogView& view) {
-  TQ::TQApplicationHolder catalog(ConnectToCatalog(options.port, options.authFile).c_str());
+  TQ::TQApplicationHolder catalog(ConnectToCatalog(options.place, options.authFile).c_str());
   catalog.ConnectSignal(SIGNAL_CHANGED, SLOT_CHANGED);
   {
     // ConnectSignal waits for nothing. The catalog serves this call after the subscription, so its
@@ -54,7 +54,7 @@ int Run(const Options& options) {
   TQSetDisconnectListener(OnDisconnect);
   TQRegisterSlot(SLOT_CHANGED, OnChanged, &view);
 
-  Host host("watcher", 0);
+  Host host("watcher");
   std::vector<Row> rows = RowsOf(Watch(options, view));
   host.Stop();
   const bool clean = host.LeftNothing(rows);
