@@ -7,6 +7,14 @@
 
 namespace TQ::bench {
 
+/// How the two processes reach each other. Beside the library's pipes stands a raw exchange over
+/// UNIX stream sockets, of which its pipes are made here.
+enum class Transport { TCP, PIPE };
+
+inline const char* NameOf(Transport transport) {
+  return transport == Transport::TCP ? "TCP" : "pipe";
+}
+
 /// One request and its reply. The byte counts are those of whole frames; the raw side moves just as
 /// many.
 struct Exchange {

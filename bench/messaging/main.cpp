@@ -1,4 +1,4 @@
-// Calls between two processes, beside a raw TCP exchange of the same bytes.
+// Calls between two processes over each transport, beside a raw exchange of the same bytes.
 //
 // The two take turns in one run, so that a machine whose speed drifts slows both. Each figure is
 // the median over the rounds, each ratio the median of the rounds' ratios.
@@ -38,18 +38,19 @@ struct Figure {
   std::vector<double> raw;
   std::vector<double> tq;
 
-  void Print(const Exchange& exchange, const char* name, const char* unit) const {
+  void Print(Transport transport, const Exchange& exchange, const char* name,
+             const char* unit) const {
     std::vector<double> ratios;
     for (std::size_t i = 0; i < raw.size(); ++i) ratios.push_back(tq[i] / raw[i]);
     const auto [low, high] = std::minmax_element(ratios.begin(), ratios.end());
-    std::printf("%-8s %-24s %12.1f %12.1f %-4s %8.2f   (%.2f to %.2f)\n", exchange.name.c_str(),
-                name, Median(raw), Median(tq), unit, Median(ratios), *low, *high);
+    std::printf("%-9s %-8s %-17s %12.1f %12.1f %-4s %8.2f   (%.2f to %.2f)\n", NameOf(transport),
+                exchange.name.c_str(), name, Median(raw), Median(tq), unit, Median(ratios), *low,
+                *high);
   }
 };
 
-void Compare(const Exchange& exchange, const Effort& effort) {
-  RawSide raw(exchange);
-  TqSide tq;
+void Compare(Transport transport, TqSide& tq, const Exchange& exchange, const Effort& effort) {
+  RawSide raw(transport, exchange);
   raw.RoundTrips(exchange, effort.warmUp);
   tq.RoundTrips(exchange, effort.warmUp);
 
@@ -64,9 +65,9 @@ void Compare(const Exchange& exchange, const Effort& effort) {
     rate.raw.push_back(raw.Throughput(exchange, effort.messages, effort.inFlight));
     rate.tq.push_back(tq.Throughput(exchange, effort.messages, effort.inFlight));
   }
-  p50.Print(exchange, "round trip, p50", "us");
-  p99.Print(exchange, "round trip, p99", "us");
-  rate.Print(exchange, "messages a second", "");
+  p50.Print(transport, exchange, "round trip, p50", "us");
+  p99.Print(transport, exchange, "round trip, p99", "us");
+  rate.Print(transport, exchange, "messages a second", "");
 }
 
 int RunBenchmark(const Effort& effort) {
@@ -77,10 +78,17 @@ int RunBenchmark(const Effort& effort) {
     std::printf("%s: %u bytes there, %u bytes back\n", exchange.name.c_str(), exchange.requestBytes,
                 exchange.replyBytes);
   }
-  std::printf("%-8s %-24s %12s %12s %-4s %8s   %s\n", "exchange", "figure", "raw TCP", "tq", "",
-              "tq / raw", "(lowest and highest round)");
-  for (const Exchange& exchange : exchanges) Compare(exchange, effort);
+  std::printf("%-9s %-8s %-17s %12s %12s %-4s %8s   %s\n", "transport", "exchange", "figure", "raw",
+              "tq", "", "tq / raw", "(lowest and highest round)");
+  for (const Transport transport : {Transport::TCP, Transport::PIPE}) {
+    TqSide tq(transport);
+    for (const Exchange& exchange : exchanges) Compare(transport, tq, exchange, effort);
+  }
   return 0;
+}
+
+Transport TransportOf(const std::string& name) {
+  return name == NameOf(Transport::TCP) ? Transport::TCP : Transport::PIPE;
 }
 
 }  // namespace
@@ -88,11 +96,13 @@ int RunBenchmark(const Effort& effort) {
 int main(int argc, char** argv) {
   const std::vector<std::string> arguments(argv + 1, argv + argc);
   try {
-    if (arguments.size() == 3 && arguments[0] == "--serve-raw") {
-      return ServeRaw(static_cast<uint32_t>(std::stoul(arguments[1])),
-                      static_cast<uint32_t>(std::stoul(arguments[2])));
+    if (arguments.size() == 4 && arguments[0] == "--serve-raw") {
+      return ServeRaw(TransportOf(arguments[1]), static_cast<uint32_t>(std::stoul(arguments[2])),
+                      static_cast<uint32_t>(std::stoul(arguments[3])));
     }
-    if (arguments.size() == 1 && arguments[0] == "--serve-tq") return ServeTq();
+    if (arguments.size() == 2 && arguments[0] == "--serve-tq") {
+      return ServeTq(TransportOf(arguments[1]));
+    }
     if (arguments.empty()) return RunBenchmark(Effort{});
     if (arguments.size() == 1 && arguments[0] == "--quick") {
       return RunBenchmark(Effort{3, 500, 4000, 100, 256});

@@ -4,9 +4,12 @@
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <sys/socket.h>
+#include <sys/un.h>
 #include <unistd.h>
 
 #include <chrono>
+#include <cstddef>
+#include <cstring>
 #include <semaphore>
 #include <stdexcept>
 #include <thread>
@@ -36,27 +39,63 @@ bool ReadAll(int socket, std::vector<char>& bytes) {
   return true;
 }
 
+/// For sockets of the other kind it has no effect, and needs none.
 void SetNoDelay(int socket) {
   const int on = 1;
   setsockopt(socket, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
 }
 
-sockaddr_in Loopback(uint16_t port) {
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_port = htons(port);
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  return address;
-}
+/// Where the server listens, and the text by which it tells its peer.
+struct Address {
+  union {
+    sockaddr any;
+    sockaddr_in tcp;
+    sockaddr_un local;
+  };
+  socklen_t length;
+
+  /// One that the system chooses when it is bound.
+  explicit Address(Transport transport) : local{} {
+    if (transport == Transport::TCP) {
+      tcp.sin_family = AF_INET;
+      tcp.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+      length = sizeof tcp;
+    } else {
+      local.sun_family = AF_UNIX;
+      length = sizeof local.sun_family;
+    }
+  }
+
+  Address(Transport transport, const std::string& text) : Address(transport) {
+    if (transport == Transport::TCP) {
+      tcp.sin_port = htons(static_cast<uint16_t>(std::stoi(text)));
+    } else {
+      std::memcpy(local.sun_path + 1, text.data(), text.size());
+      length = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + 1 + text.size());
+    }
+  }
+
+  std::string Text() const {
+    if (any.sa_family == AF_INET) return std::to_string(ntohs(tcp.sin_port));
+    return {local.sun_path + 1, length - offsetof(sockaddr_un, sun_path) - 1};
+  }
+
+  /// Puts the address that the system has chosen here.
+  bool Listen(int socket) {
+    if (bind(socket, &any, length) != 0 || listen(socket, 1) != 0) return false;
+    length = sizeof local;
+    return getsockname(socket, &any, &length) == 0;
+  }
+};
 
 }  // namespace
 
-RawSide::RawSide(const Exchange& exchange)
-    : server({"--serve-raw", std::to_string(exchange.requestBytes),
+RawSide::RawSide(Transport transport, const Exchange& exchange)
+    : server({"--serve-raw", NameOf(transport), std::to_string(exchange.requestBytes),
               std::to_string(exchange.replyBytes)}) {
-  const sockaddr_in address = Loopback(static_cast<uint16_t>(std::stoi(server.Greeting())));
-  socket = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  if (connect(socket, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
+  const Address address(transport, server.Greeting());
+  socket = ::socket(address.any.sa_family, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  if (connect(socket, &address.any, address.length) != 0) {
     throw std::runtime_error("cannot connect to the raw server");
   }
   SetNoDelay(socket);
@@ -100,15 +139,10 @@ double RawSide::Throughput(const Exchange& exchange, uint32_t count, uint32_t in
   return count / std::chrono::duration<double>(Clock::now() - start).count();
 }
 
-int ServeRaw(uint32_t requestBytes, uint32_t replyBytes) {
-  const int listener = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  sockaddr_in address = Loopback(0);
-  socklen_t length = sizeof address;
-  if (bind(listener, reinterpret_cast<const sockaddr*>(&address), length) != 0 ||
-      listen(listener, 1) != 0 ||
-      getsockname(listener, reinterpret_cast<sockaddr*>(&address), &length) != 0) {
-    return 1;
-  }
+int ServeRaw(Transport transport, uint32_t requestBytes, uint32_t replyBytes) {
+  Address address(transport);
+  const int listener = socket(address.any.sa_family, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  if (!address.Listen(listener)) return 1;
   std::thread worker([&] {
     const int peer = accept(listener, nullptr, nullptr);
     SetNoDelay(peer);
@@ -118,7 +152,7 @@ int ServeRaw(uint32_t requestBytes, uint32_t replyBytes) {
     }
     close(peer);
   });
-  GreetAndWait(std::to_string(ntohs(address.sin_port)));
+  GreetAndWait(address.Text());
   worker.join();
   close(listener);
   return 0;

@@ -1,5 +1,6 @@
-// The comparison: two processes that move the same byte counts over a TCP connection and do nothing
-// else. One write and as many reads as it takes for each message, blocking sockets, no delay.
+// The comparison: two processes that move the same byte counts over a TCP connection or a pair of
+// UNIX stream sockets and do nothing else. One write and as many reads as it takes for each
+// message, blocking sockets, no delay.
 #pragma once
 
 #include "child.h"
@@ -11,7 +12,7 @@ namespace TQ::bench {
 
 class RawSide final : public ISide {
  public:
-  explicit RawSide(const Exchange& exchange);
+  RawSide(Transport transport, const Exchange& exchange);
   ~RawSide() override;
 
   std::vector<double> RoundTrips(const Exchange& exchange, uint32_t count) override;
@@ -23,6 +24,6 @@ class RawSide final : public ISide {
 };
 
 /// The server's process: answers `requestBytes` with `replyBytes` until the connection closes.
-int ServeRaw(uint32_t requestBytes, uint32_t replyBytes);
+int ServeRaw(Transport transport, uint32_t requestBytes, uint32_t replyBytes);
 
 }  // namespace TQ::bench

@@ -5,6 +5,7 @@
 #include <atomic>
 #include <chrono>
 #include <semaphore>
+#include <sstream>
 #include <stdexcept>
 
 namespace TQ::bench {
@@ -59,11 +60,14 @@ Exchange MakeExchange(const std::string& name, uint32_t textBytes) {
           REPLY_HEAD_BYTES + TQGetHandleSize(reply.handle)};
 }
 
-TqSide::TqSide() : server({"--serve-tq"}) {
+TqSide::TqSide(Transport transport) : server({"--serve-tq", NameOf(transport)}) {
+  std::istringstream greeting(server.Greeting());
+  std::string host;
+  int port = 0;
+  greeting >> host >> port;
   TQInitialize("bench-client", 0, nullptr);
   char name[256];
-  if (TQConnect("127.0.0.1", std::stoi(server.Greeting()), name, sizeof name, nullptr, 0) !=
-      TQ_ERR_OK) {
+  if (TQConnect(host.c_str(), port, name, sizeof name, nullptr, 0) != TQ_ERR_OK) {
     throw std::runtime_error("cannot connect to the library's server");
   }
   peer = name;
@@ -112,17 +116,21 @@ double TqSide::Throughput(const Exchange& exchange, uint32_t count, uint32_t inF
   return count / seconds;
 }
 
-int ServeTq() {
+int ServeTq(Transport transport) {
+  // Who connects to a pipe waits for it.
+  g_listening = transport == Transport::PIPE;
   TQSetLogLevel(TQ_LOG_CRITICAL | TQ_LOG_INFO, 0, WatchListener);
   TQRegisterSlot(SLOT, Answer, nullptr);
   // The library takes a port as it is and waits for one in use, so a likely free one is picked.
   const auto port = static_cast<uint16_t>(FIRST_PORT + getpid() % PORT_COUNT);
-  TQInitialize("bench-server", port, nullptr);
+  const std::string host =
+      transport == Transport::TCP ? "127.0.0.1" : "\\tq-bench-" + std::to_string(getpid());
+  TQInitializeEx(host.c_str(), "bench-server", port, nullptr);
   TQConnectionReady();
   while (!g_listening && !g_failed) usleep(1000);
   TQSetLogLevel(0, 0, nullptr);
-  if (g_listening) GreetAndWait(std::to_string(port));
-  TQShutdown();
+  if (g_listening) GreetAndWait(host + ' ' + std::to_string(port));
+  TQShutdown();  // up to 10 seconds with a pipe, whose idle listener looks up no sooner
   return g_listening ? 0 : 1;
 }
 

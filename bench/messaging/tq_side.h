@@ -16,7 +16,7 @@ namespace TQ::bench {
 
 class TqSide final : public ISide {
  public:
-  TqSide();
+  explicit TqSide(Transport transport);
   ~TqSide() override;
 
   std::vector<double> RoundTrips(const Exchange& exchange, uint32_t count) override;
@@ -41,6 +41,6 @@ class TqSide final : public ISide {
 Exchange MakeExchange(const std::string& name, uint32_t textBytes);
 
 /// The server's process: one slot that answers with one integer.
-int ServeTq();
+int ServeTq(Transport transport);
 
 }  // namespace TQ::bench
