@@ -12,7 +12,18 @@
 /// byte. A name that travels has at most 255 bytes: a longer one is not refused here, but by every
 /// peer. The chosen name should hold no "/", which would cut it short for the peers' listeners.
 ///
-/// Addresses are dotted IPv4 texts. Host names are not resolved, and there is no IPv6.
+/// Hosts. The text that says where to listen and whom to connect to has two forms. One that begins
+/// with a backslash names a pipe, for peers on the same machine: "\\orders" in C source names the
+/// pipe `orders`. Any other text is a dotted IPv4 address and goes with a port. Host names are not
+/// resolved, and there is no IPv6. A process can listen on both; see TQStartListeners.
+///
+/// Pipes. Further backslashes before the name mean nothing; the rest of it is compared byte for
+/// byte on Linux, upper and lower case told apart. There a name belongs to one process of the
+/// machine (of its network namespace) at a time. A second one that listens under it is not told: it
+/// waits, and may get the name between two peers of the first. A listener lets in peers that run
+/// under its own user or as root. A process connects to processes of its own user and, as root, to
+/// all. Everyone else finds nobody there. Writes to a pipe have no time limit: a peer that stops
+/// reading holds the session's sending thread up for as long as it stays connected.
 ///
 /// Trust. The side that connects proves that it knows the accepting side's 256-byte authentication
 /// block, without sending it. The accepting side proves nothing, so a caller of TQConnect talks to
@@ -84,9 +95,13 @@ TQ_API _tag_TQ_ERROR TQInitialize(const char* name, int32_t port, const _tag_TQL
 
 /// As TQInitialize, to listen on the address `host`.
 ///
-/// @param host  dotted IPv4 text. Null or empty means 127.0.0.1. A text that is no such address is
-///              not refused: the process then listens on all interfaces, as with "0.0.0.0". With a
-///              text that begins with a backslash the process does not listen on TCP.
+/// @param host  a pipe or a dotted IPv4 text. Null or empty means 127.0.0.1. A text that is no such
+///              address is not refused: the process then listens on all interfaces, as with
+///              "0.0.0.0". With a pipe the process does not listen on TCP, and `port` plays no part
+///              but in the application name. A backslash alone names no pipe.
+///
+/// The pipe that was named last outlives TQShutdown: a later initialisation listens on it again,
+/// also one that names an address.
 TQ_API _tag_TQ_ERROR TQInitializeEx(const char* host, const char* name, int32_t port,
                                     const _tag_TQLIMITS* limits);
 
@@ -98,22 +113,28 @@ TQ_API _tag_TQ_ERROR TQInitializeEx(const char* host, const char* name, int32_t 
 /// every second. The address is never marked as reusable, so this also happens for a while after
 /// an earlier process with the same port has ended.
 ///
-/// Peers are admitted one at a time: a peer that connects and stays silent holds up all others for
-/// about half of IO_TIMEOUT_MS at each step. A peer under a name that is connected already is
-/// turned away.
+/// A pipe listener logs "ConnThread Pipe Startup" and then makes its pipes. Nothing tells when they
+/// are there, or that their name is taken; a peer that connects sooner waits for them.
+///
+/// Each listener admits its peers one at a time: one that connects and stays silent holds up all
+/// others for about half of IO_TIMEOUT_MS at each step, on a pipe for all of it, and one that has
+/// opened only the first of the two pipes without limit. A peer under a name that is connected
+/// already is turned away.
 ///
 /// @return TQ_ERR_OK, always. Calling it again changes nothing. Before the first TQInitialize it
 ///         opens the gates too early, with the consequence told at TQInitialize for a second life.
 TQ_API _tag_TQ_ERROR TQConnectionReady(void);
 
-/// As TQConnectionReady, but listens at another address than the one given at initialisation.
+/// As TQConnectionReady, but listens at another place than the one given at initialisation.
 ///
 /// The application name stays as it is, with the port given there. Has no effect on a listener that
-/// has been let go before.
+/// has been let go before. A pipe given here replaces an address, but an address does not replace a
+/// pipe: a process that was initialised with a pipe then listens on both.
 ///
 /// @param unused  not read; pass null.
 /// @param host    as for TQInitializeEx, but must not be null, and the empty text is no address.
-/// @param port    TCP port; 0 is not an off switch here: the system chooses a port.
+/// @param port    TCP port; 0 is not an off switch here: the system chooses a port. Without effect
+///                with a pipe.
 /// @return TQ_ERR_OK, always.
 TQ_API _tag_TQ_ERROR TQStartListeners(void* unused, const char* host, uint16_t port);
 
@@ -136,7 +157,10 @@ TQ_API _tag_TQ_ERROR TQStartListeners(void* unused, const char* host, uint16_t p
 /// initialise again nor end in order.
 ///
 /// Blocks until the threads have ended: normally little more than a second, up to IO_TIMEOUT_MS
-/// for each read of a handshake or of a frame that is under way, and as long as a callback runs.
+/// for each read of a handshake or of a frame that is under way, and as long as a callback runs. A
+/// listener on a pipe to which nobody comes sees the stop only every 10 seconds, and not at all
+/// while a peer has opened only the first of its two pipes. Without limit, too, is the wait for a
+/// write to a pipe whose peer does not read.
 /// Other calls of TQInitialize and TQShutdown wait meanwhile, so a callback on a thread that is
 /// being joined must not make them: that never ends.
 TQ_API _tag_TQ_ERROR TQShutdown(void);
@@ -180,9 +204,10 @@ TQ_API _tag_TQ_ERROR TQSetUnknownConnectListener(TQUnknownConnectListener listen
 /// On success the session can be used at once under the peer's name; the connect listener runs on
 /// the session's own thread, perhaps after the return. MAX_CONNECTIONS does not count here.
 ///
-/// @param host        dotted IPv4 text. Any other text fails, also the empty one, a host name or
-///                    one that begins with a backslash.
+/// @param host        a pipe or a dotted IPv4 text. Any other text fails, also the empty one and a
+///                    host name.
 /// @param port        TCP port; 0 fails, and of a larger number than 65535 the low 16 bits count.
+///                    Without effect with a pipe.
 /// @param nameOut     receives the peer's full name with its NUL, on success only; the rest of the
 ///                    buffer is zeroed. May be null: the name then comes with the connect listener
 ///                    alone.
@@ -202,8 +227,9 @@ TQ_API _tag_TQ_ERROR TQSetUnknownConnectListener(TQUnknownConnectListener listen
 /// Throws std::system_error if a thread cannot be started.
 ///
 /// Callbacks: TQUnknownConnectListener on this thread if the peer's name has no host or no
-/// application part; log lines. Blocks for up to 4.002 s to reach the peer, and for the limits of
-/// IO_TIMEOUT_MS at each of the reads and writes of the handshake.
+/// application part; log lines. Blocks for up to 4.002 s to reach the peer, over pipes for up to
+/// about 20 s (10 for each of the two; on Linux 10 in all where nobody listens), and for the limits
+/// of IO_TIMEOUT_MS at each of the reads and writes of the handshake.
 ///
 /// Two connections under one name that are made at the same moment can both be admitted. The later
 /// one then takes the name over, and when either of them ends the name is gone although the other
@@ -224,8 +250,9 @@ TQ_API _tag_TQ_ERROR TQConnect(const char* host, int32_t port, char* nameOut, ui
 /// Throws std::system_error if the join fails. Of two threads that disconnect the same session at
 /// the same moment the second waits for the first; let one thread do it.
 ///
-/// Blocks until the receiving thread has ended: briefly if it waits for a frame, up to
-/// IO_TIMEOUT_MS for each read in the middle of one, and as long as a callback on that thread runs.
+/// Blocks until the receiving thread has ended: briefly if it waits for a frame (over pipes up to a
+/// second), up to IO_TIMEOUT_MS for each read in the middle of one, and as long as a callback on
+/// that thread runs.
 /// Called on that very thread, from one of its callbacks, it does not wait, and the session ends
 /// when the callback has returned. A slot callback may call it too.
 ///

@@ -2,7 +2,8 @@
 /// The whole interface of tq: calls, notifications and signals between processes.
 ///
 /// Each process is an application with a name. It offers numbered slots and named signals, and
-/// exchanges parameter lists with the applications that it is connected to. The headers by family:
+/// exchanges parameter lists with the applications that it is connected to, over TCP or, on one
+/// machine, over named pipes. The headers by family:
 ///
 /// - <tq/types.h>               result codes, the list handle, records, callback types
 /// - <tq/param_list.h>          lists: make, fill, read, walk

@@ -187,7 +187,7 @@ typedef struct _tag_TQPARAMINFO {
 typedef struct _tag_TQLIMITS {
   uint32_t size;  ///< sizeof(_tag_TQLIMITS), 292
 
-  /// The listener refuses a peer while there are more sessions than this, so that one more than
+  /// A listener refuses a peer while there are more sessions than this, so that one more than
   /// this number are admitted. Outgoing connections count but are not refused. Default 100.
   uint32_t MAX_CONNECTIONS;
 
@@ -206,8 +206,9 @@ typedef struct _tag_TQLIMITS {
 
   /// Time limit of a read or a write in milliseconds, default 60000. A read that sees no byte at
   /// all gives up sooner, after (IO_TIMEOUT_MS + 1999) / 2000 seconds and 1 ms, and a write to a
-  /// peer that takes nothing after 10 seconds whatever stands here. Between frames of a live
-  /// session a read waits without limit.
+  /// peer that takes nothing after 10 seconds whatever stands here. Over pipes a read gives up
+  /// after this time without a byte, counted anew from each part that arrives, and a write never.
+  /// Between frames of a live session a read waits without limit.
   uint32_t IO_TIMEOUT_MS;
 
   /// What a connecting peer must know to be admitted here. Default: all zero, which every peer
@@ -292,8 +293,10 @@ typedef _tag_TQ_ERROR (*TQNotifyCallback)(const char* applicationName, unsigned 
 
 /// Told of each admitted session, whoever connected.
 ///
-/// @param localAddress     this end, dotted IPv4 address, ":" and port.
-/// @param remoteAddress    the peer's end, likewise.
+/// @param localAddress     this end, dotted IPv4 address, ":" and port; over pipes the name of the
+///                         one that this end reads, which begins with a backslash on the side that
+///                         connected.
+/// @param remoteAddress    the peer's end, likewise; over pipes the one that this end writes.
 /// @param applicationName  the peer's full name, by which it is addressed from now on.
 /// @param host             the part of that name before ":".
 /// @param port             the part between ":" and "/" as a number, 0 if it is none.
