@@ -6,16 +6,20 @@
 #include <cstdint>
 #include <fstream>
 #include <functional>
+#include <future>
 #include <map>
 #include <set>
 #include <string>
 #include <vector>
 
 #include "frame/settings.h"
+#include "platform/pipes.h"
 #include "session/challenge.h"
 #include "session/name_string.h"
 #include "session/session.h"
 #include "support/memory_channel.h"
+#include "support/platform.h"
+#include "support/wait_until.h"
 #include "wire/list_stream.h"
 #include "wire/message.h"
 
@@ -25,6 +29,7 @@ namespace {
 
 using namespace TQ::detail;
 using TQ::test::Bytes;
+namespace platform = TQ::platform;
 
 /// The bytes of the `hex` blocks of the document, by the word behind "hex".
 std::map<std::string, Bytes> ReadExamples() {
@@ -115,6 +120,7 @@ Bytes FrameOf(uint32_t kind, uint32_t slotId, HTQPARAMLIST params) {
 TEST(WireFormat, EveryExampleOfTheDocumentIsTested) {
   std::set<std::string> tested = {"call", "empty-reply", "notification", "subscribe",
                                   "name", "empty-name",  "zero-digest"};
+  tested.insert({"pipe-address", "pipe-address-long", "pipe-companion"});
   for (const ExampleList& example : ExampleLists()) tested.insert(example.name);
   std::set<std::string> documented;
   for (const auto& [name, bytes] : ReadExamples()) documented.insert(name);
@@ -193,6 +199,55 @@ TEST(WireFormat, NamesGoOutAndComeBackAsTheDocumentShowsThem) {
 TEST(WireFormat, TheDigestIsTheOneOfTheDocument) {
   const Md5Digest digest = DigestOf(AuthBlock{}, Challenge{});
   EXPECT_EQ(Bytes(digest.begin(), digest.end()), ReadExamples().at("zero-digest"));
+}
+
+std::string PathOf(const std::string& pipeName) { return platform::PIPE_PREFIX + pipeName; }
+
+/// Where the pipe of this path is found. Another process may hold the name for a moment.
+Bytes AddressOfPipe(const std::string& path) {
+  platform::PipeEnd pipe;
+  EXPECT_TRUE(TQ::test::WaitUntil([&] {
+    pipe = platform::CreatePipeEnd(path, platform::PipeAccess::READ, 0);
+    return pipe.IsOpen();
+  }));
+  return TQ::test::platform::PipeAddress(pipe.Handle());
+}
+
+TEST(WireFormat, PipesAreFoundWhereTheDocumentSays) {
+  const auto examples = ReadExamples();
+  EXPECT_EQ(AddressOfPipe(PathOf("orders_in")), examples.at("pipe-address"));
+  EXPECT_EQ(AddressOfPipe(PathOf("\\orders_in")), examples.at("pipe-address"));
+  EXPECT_EQ(AddressOfPipe(PathOf(std::string(200, 'a') + "_in")), examples.at("pipe-address-long"));
+}
+
+/// Opens the pipe while the test accepts it.
+platform::PipeEnd OpenAccepted(const std::string& name, const platform::PipeEnd* companion) {
+  namespace peer = TQ::test::platform;
+  const peer::Handle listener = peer::ListenPipe(name);
+  EXPECT_NE(listener, peer::NO_HANDLE);
+  auto opened = std::async(std::launch::async, [&] {
+    return platform::OpenPipeEnd(PathOf(name), platform::PipeAccess::WRITE, companion);
+  });
+  const peer::Handle accepted = peer::AcceptPipe(listener, TQ::test::DEFAULT_DEADLINE);
+  EXPECT_NE(accepted, peer::NO_HANDLE);
+  platform::PipeEnd end = opened.get();
+  peer::CloseSocket(accepted);
+  peer::CloseSocket(listener);
+  return end;
+}
+
+TEST(WireFormat, TheConnectingSidesSocketsHaveTheAddressesOfTheDocument) {
+  namespace peer = TQ::test::platform;
+  const std::string name = "tq-docs-" + std::to_string(peer::ProcessId());
+  const platform::PipeEnd first = OpenAccepted(name + "_in", nullptr);
+  const Bytes firstAddress = peer::PipeAddress(first.Handle());
+  ASSERT_EQ(firstAddress.size(), 6U);
+
+  // The document's example with the digits that the system has chosen here.
+  Bytes expected = ReadExamples().at("pipe-companion");
+  std::copy(firstAddress.begin() + 1, firstAddress.end(), expected.end() - 5);
+  const platform::PipeEnd second = OpenAccepted(name + "_out", &first);
+  EXPECT_EQ(peer::PipeAddress(second.Handle()), expected);
 }
 
 }  // namespace

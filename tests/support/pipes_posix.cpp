@@ -129,6 +129,14 @@ bool PipeListens(const std::string& pipeName) {
   return false;
 }
 
+std::vector<uint8_t> PipeAddress(Handle pipe) {
+  Address own;
+  if (getsockname(static_cast<int>(pipe), own.Get(), &own.length) != 0) {
+    return {};
+  }
+  return ToBytes(std::string(1, '\0') + own.Name());
+}
+
 Handle OpenPipe(const std::string& pipeName, Handle companion, Milliseconds timeout) {
   const auto end = Clock::now() + timeout;
   const int made = MakeSocket();

@@ -103,6 +103,9 @@ Handle ListenPipe(const std::string& pipeName);
 /// its closing frees the name. Without `granted` the peer is not told that it was taken.
 Handle AcceptPipe(Handle listener, std::chrono::milliseconds timeout, bool granted = true);
 
+/// The address of this end of a pipe as the system has it; empty if it cannot be told.
+std::vector<uint8_t> PipeAddress(Handle pipe);
+
 /// One attempt to open a pipe, NO_HANDLE if it failed. `companion` is the pipe of the same
 /// connection that was opened before.
 Handle OpenPipe(const std::string& pipeName, Handle companion, std::chrono::milliseconds timeout);

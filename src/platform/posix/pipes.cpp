@@ -4,8 +4,8 @@
 // names leave no files behind and go with their process, however it ends.
 //
 // The accepting side takes one peer. Others may have connected to the name by then, and the system
-// tells them nothing; so the one that was taken gets a byte, the grant, against the direction of
-// the data, and then the name is closed. Whoever sees the end of the stream before its grant tries
+// tells them nothing; so the one that was taken gets a byte, the grant, before all data, and then
+// the name is closed. Whoever sees the end of the stream before its grant tries
 // again.
 //
 // The two pipes of a connection are held together by the connecting side's own address: its first
