@@ -13,22 +13,17 @@
 // that is late, from an accepting side that died meanwhile, cannot take another's second pipe.
 #include "platform/pipes.h"
 
-#include "frame/md5.h"
+#include "platform/posix/pipe_address.h"
 
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <chrono>
-#include <cstddef>
-#include <cstring>
 #include <iterator>
-#include <optional>
-#include <string_view>
 #include <thread>
 
 namespace TQ::platform {
@@ -67,92 +62,6 @@ auto Uninterrupted(Call call) {
   while (result < 0 && errno == EINTR) result = call();
   return result;
 }
-
-// ---- names -------------------------------------------------------------------------------------
-
-/// The address of a UNIX socket with the length that the system is given.
-struct Address {
-  sockaddr_un bytes{};
-  socklen_t length = 0;
-
-  const sockaddr* Get() const { return reinterpret_cast<const sockaddr*>(&bytes); }
-  sockaddr* Get() { return reinterpret_cast<sockaddr*>(&bytes); }
-  /// The abstract name, without the zero before it; empty when there is none.
-  std::string_view Name() const {
-    constexpr std::size_t BEFORE = offsetof(sockaddr_un, sun_path) + 1;
-    return length > BEFORE ? std::string_view(bytes.sun_path + 1, length - BEFORE)
-                           : std::string_view();
-  }
-};
-
-constexpr std::size_t MAX_ABSTRACT_NAME = sizeof(sockaddr_un::sun_path) - 1;
-
-Address AbstractAddress(const std::string& name) {
-  Address address;
-  address.bytes.sun_family = AF_UNIX;
-  std::memcpy(address.bytes.sun_path + 1, name.data(), name.size());
-  address.length = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + 1 + name.size());
-  return address;
-}
-
-std::string HexDigest(const std::string& text) {
-  detail::Md5 md5;
-  md5.Update(text.data(), text.size());
-  std::string hex;
-  for (const uint8_t byte : md5.Finish()) {
-    hex += "0123456789abcdef"[byte >> 4];
-    hex += "0123456789abcdef"[byte & 15];
-  }
-  return hex;
-}
-
-/// Where the pipe of this path is found. A name that would not fit stands there as its digest.
-Address AddressOfPath(const std::string& path) {
-  const std::size_t prefixLength = std::strlen(PIPE_PREFIX);
-  const std::size_t begin = path.find_first_not_of('\\', prefixLength);
-  const std::string key = begin == std::string::npos ? std::string() : path.substr(begin);
-  const std::string name = "tq.pipe:" + key;
-  return AbstractAddress(name.size() <= MAX_ABSTRACT_NAME ? name : "tq.pipe#" + HexDigest(key));
-}
-
-std::optional<Address> OwnAddress(int socket) {
-  Address address;
-  address.length = sizeof address.bytes;
-  if (::getsockname(socket, address.Get(), &address.length) != 0) return std::nullopt;
-  return address;
-}
-
-std::optional<Address> PeerAddress(int socket) {
-  Address address;
-  address.length = sizeof address.bytes;
-  if (::getpeername(socket, address.Get(), &address.length) != 0) return std::nullopt;
-  return address;
-}
-
-/// What the second socket of a connecting side is bound to.
-Address CompanionAddress(const Address& first) {
-  return AbstractAddress("tq.peer:" + std::string(first.Name()));
-}
-
-bool IsCompanionOf(int socket, int companion) {
-  const auto first = PeerAddress(companion);
-  const auto second = PeerAddress(socket);
-  return first && second && !first->Name().empty() &&
-         second->Name() == CompanionAddress(*first).Name();
-}
-
-/// The other side runs under this process's user or as root. It stands for the default rights of
-/// a pipe.
-bool MayTalkTo(int socket) {
-  ucred peer{};
-  socklen_t length = sizeof peer;
-  if (::getsockopt(socket, SOL_SOCKET, SO_PEERCRED, &peer, &length) != 0) return false;
-  return peer.uid == ::geteuid() || peer.uid == 0;
-}
-
-/// As root a process opens every pipe, since it is let in everywhere. If it turned away from one
-/// that has taken it, the accepting side would wait for its second pipe for good.
-bool MayOpen(int socket) { return ::geteuid() == 0 || MayTalkTo(socket); }
 
 // ---- waiting -----------------------------------------------------------------------------------
 
@@ -197,7 +106,7 @@ bool IsHungUp(int socket) {
 
 // ---- the accepting side ------------------------------------------------------------------------
 
-int CreateListener(const Address& address) {
+int CreateListener(const PipeAddress& address) {
   const int socket = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
   if (socket < 0) return -1;
   if (::bind(socket, address.Get(), address.length) == 0 && ::listen(socket, 0) == 0) {
@@ -219,7 +128,7 @@ PipeStatus Admit(int listener, int companion) {
         Uninterrupted([&] { return ::accept4(listener, nullptr, nullptr, SOCK_CLOEXEC); });
     if (peer < 0) return errno == EAGAIN ? PipeStatus::PENDING : PipeStatus::FAILED;
     const bool welcome =
-        MayTalkTo(peer) && (companion < 0 || IsCompanionOf(peer, companion)) && Grant(peer);
+        MayComeIn(peer) && (companion < 0 || IsCompanionOf(peer, companion)) && Grant(peer);
     const bool failed =
         welcome && Uninterrupted([&] { return ::dup3(peer, listener, O_CLOEXEC); }) < 0;
     (void)::close(peer);
@@ -239,19 +148,6 @@ PipeStatus AwaitPeer(int listener, int companion, const Deadline& deadline) {
 
 // ---- the connecting side -----------------------------------------------------------------------
 
-/// Gives the socket the address by which the two pipes of a connection are told to be one.
-bool BindForPeer(int socket, const PipeEnd* companion) {
-  if (companion == nullptr) {
-    Address chosenBySystem;
-    chosenBySystem.bytes.sun_family = AF_UNIX;
-    return ::bind(socket, chosenBySystem.Get(), sizeof(sa_family_t)) == 0;
-  }
-  const auto first = OwnAddress(Descriptor(*companion));
-  if (!first) return false;
-  const Address own = CompanionAddress(*first);
-  return ::bind(socket, own.Get(), own.length) == 0;
-}
-
 /// False at once when the other pipe of the connection hangs up: the name may have another owner by
 /// then, whose queue this one stands in for nothing.
 bool AwaitGrant(int socket, const PipeEnd* companion, const Deadline& deadline) {
@@ -266,11 +162,12 @@ bool AwaitGrant(int socket, const PipeEnd* companion, const Deadline& deadline) 
 }
 
 /// One attempt: a blocking stream, or -1.
-int TryOpen(const Address& address, const PipeEnd* companion, const Deadline& deadline) {
+int TryOpen(const PipeAddress& address, const PipeEnd* companion, const Deadline& deadline) {
   const int socket = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
   if (socket < 0) return -1;
   int off = 0;
-  if (BindForPeer(socket, companion) &&
+  const int first = companion == nullptr ? NO_DESCRIPTOR : Descriptor(*companion);
+  if (BindAsPeer(socket, first) &&
       Uninterrupted([&] { return ::connect(socket, address.Get(), address.length); }) == 0 &&
       MayOpen(socket) && AwaitGrant(socket, companion, deadline) &&
       ::ioctl(socket, FIONBIO, &off) == 0) {
@@ -308,7 +205,7 @@ void PipeEvent::LeaveOpen() {}  // there is no such object here
 
 PipeEnd CreatePipeEnd(const std::string& path, PipeAccess /*access*/, uint32_t /*bufferSize*/) {
   // The size is not applied: counted with the system's own overhead it would hold a few frames.
-  const Address address = AddressOfPath(path);
+  const PipeAddress address = AddressOfPipe(path);
   const Deadline deadline(static_cast<uint32_t>(NAME_LIMIT.count()));
   for (;;) {
     const int socket = CreateListener(address);
@@ -334,7 +231,7 @@ bool WaitForPipeName(const std::string& /*path*/, uint32_t /*limitMs*/) {
 }
 
 PipeEnd OpenPipeEnd(const std::string& path, PipeAccess /*access*/, const PipeEnd* companion) {
-  const Address address = AddressOfPath(path);
+  const PipeAddress address = AddressOfPipe(path);
   const Deadline deadline(PIPE_OPEN_LIMIT_MS);
   for (;;) {
     const int socket = TryOpen(address, companion, deadline);
