@@ -20,10 +20,11 @@
 /// Pipes. Further backslashes before the name mean nothing; the rest of it is compared byte for
 /// byte on Linux, upper and lower case told apart. There a name belongs to one process of the
 /// machine (of its network namespace) at a time. A second one that listens under it is not told: it
-/// waits, and may get the name between two peers of the first. A listener lets in peers that run
-/// under its own user or as root. A process connects to processes of its own user and, as root, to
-/// all. Everyone else finds nobody there. Writes to a pipe have no time limit: a peer that stops
-/// reading holds the session's sending thread up for as long as it stays connected.
+/// waits, and may get the name between two peers of the first. Each side asks that the other run
+/// under its own user or as root, so peers are processes of one user; anyone else finds nobody
+/// there. Root must not try the pipe of another user: that listener lets it in, is turned away
+/// from, and waits for its second pipe for good. Writes to a pipe have no time limit: a peer that
+/// stops reading holds the session's sending thread up for as long as it stays connected.
 ///
 /// Trust. The side that connects proves that it knows the accepting side's 256-byte authentication
 /// block, without sending it. The accepting side proves nothing, so a caller of TQConnect talks to

@@ -81,13 +81,11 @@ bool IsCompanionOf(int second, int first) {
          secondPeer->Name() == CompanionOf(*firstPeer).Name();
 }
 
-bool MayComeIn(int socket) {
+bool MayTalkTo(int socket) {
   ucred peer{};
   socklen_t length = sizeof peer;
   if (::getsockopt(socket, SOL_SOCKET, SO_PEERCRED, &peer, &length) != 0) return false;
   return peer.uid == ::geteuid() || peer.uid == 0;
 }
-
-bool MayOpen(int socket) { return ::geteuid() == 0 || MayComeIn(socket); }
 
 }  // namespace TQ::platform

@@ -34,13 +34,9 @@ bool BindAsPeer(int socket, int first);
 /// Whether the peers of two accepted sockets are the two pipes of one connecting side.
 bool IsCompanionOf(int second, int first);
 
-/// The peer of an accepted socket runs under this process's user or as root. It stands for the
-/// default rights of a pipe.
-bool MayComeIn(int socket);
-
-/// The same for the side that connects, but that root opens every pipe, since it is let in
-/// everywhere. If it turned away from one that has taken it, the accepting side would wait for its
-/// second pipe for good.
-bool MayOpen(int socket);
+/// The other side of a connected socket runs under this process's user or as root. It stands for
+/// the default rights of a pipe. Both sides ask, so a name that another user has taken cannot stand
+/// in for a service, not even towards root.
+bool MayTalkTo(int socket);
 
 }  // namespace TQ::platform

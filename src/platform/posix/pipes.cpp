@@ -128,7 +128,7 @@ PipeStatus Admit(int listener, int companion) {
         Uninterrupted([&] { return ::accept4(listener, nullptr, nullptr, SOCK_CLOEXEC); });
     if (peer < 0) return errno == EAGAIN ? PipeStatus::PENDING : PipeStatus::FAILED;
     const bool welcome =
-        MayComeIn(peer) && (companion < 0 || IsCompanionOf(peer, companion)) && Grant(peer);
+        MayTalkTo(peer) && (companion < 0 || IsCompanionOf(peer, companion)) && Grant(peer);
     const bool failed =
         welcome && Uninterrupted([&] { return ::dup3(peer, listener, O_CLOEXEC); }) < 0;
     (void)::close(peer);
@@ -169,7 +169,7 @@ int TryOpen(const PipeAddress& address, const PipeEnd* companion, const Deadline
   const int first = companion == nullptr ? NO_DESCRIPTOR : Descriptor(*companion);
   if (BindAsPeer(socket, first) &&
       Uninterrupted([&] { return ::connect(socket, address.Get(), address.length); }) == 0 &&
-      MayOpen(socket) && AwaitGrant(socket, companion, deadline) &&
+      MayTalkTo(socket) && AwaitGrant(socket, companion, deadline) &&
       ::ioctl(socket, FIONBIO, &off) == 0) {
     return socket;
   }
