@@ -1,12 +1,20 @@
 /// @file
-/// The private heap, the log and the object counts: what is there from the moment of loading.
+/// The private heap, the log, the object counts and dumps of lists: what is there from the moment
+/// of loading.
 ///
 /// Nothing here needs TQInitialize or is undone by TQShutdown. Any thread may call any of it at any
-/// time. Nothing blocks, throws or runs a callback, and nothing is checked beyond what is told.
+/// time, the dumps as any reader of their list. But for the dumps nothing blocks or throws. Nothing
+/// runs a callback, and nothing is checked beyond what is told.
 #pragma once
 
 #include <tq/export.h>
 #include <tq/types.h>
+
+#ifdef __cplusplus
+#include <iosfwd>
+#else
+#include <stdbool.h>
+#endif
 
 #ifdef __cplusplus
 extern "C" {
@@ -61,6 +69,35 @@ TQ_API void TQHandleUsageLog(void);
 /// messages left in a queue: such a session is kept (<tq/messaging.h>).
 TQ_API TQObjectCounts DEBUG_TQObjectCount(void);
 
+// ---- dumps -------------------------------------------------------------------------------------
+//
+// A list as text: a line with its address, its entries and those of the lists inside it, each level
+// indented by two blanks more, and a closing line. Values stand as name=value, with `withTypes` as
+// name[PT_INT32]=value; numbers are unsigned, bytes are pairs of hexadecimal places. The format
+// stays as it is, for those who read it with programs, and this belongs to it: behind an array of
+// binaries numbers are hexadecimal, up to the next single binary.
+//
+// A damaged entry throws as in <tq/param_list.h>, with the text up to there written. A list stored
+// in itself is dumped until the stack ends.
+
+/// Dumps to the standard error stream. One dump at a time, the others wait.
+TQ_API void PrintHandleInfo(_tag_HTQPARAMLIST list, bool withTypes);
+
+/// Dumps into memory.
+///
+/// @param destination  `size` bytes. A longer text is cut, a shorter one followed by zeros; the
+///                     last byte is always zero.
+/// @param size         not 0, which is not checked.
+TQ_API void PrintHandleInfoToBuffer(_tag_HTQPARAMLIST list, bool withTypes, char* destination,
+                                    uint32_t size);
+
 #ifdef __cplusplus
 }  // extern "C"
+
+/// Writes the entries of a list, without the lines around a dump, to any stream, in its own locale.
+///
+/// @param depth  how many levels to indent, 0 for none. A null or empty list writes nothing.
+/// The stream may be hexadecimal afterwards.
+TQ_API void PrintHandleInfoRecurse(std::ostream& stream, _tag_HTQPARAMLIST list, bool withTypes,
+                                   int32_t depth);
 #endif

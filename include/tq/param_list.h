@@ -264,6 +264,34 @@ TQ_API const _tag_TQPARAMINFO* TQRemoveParamByInfo(_tag_HTQPARAMLIST list,
 /// @return TQ_ERR_OK; TQ_ERR_FAILED for null.
 TQ_API _tag_TQ_ERROR TQRemoveAllValues(_tag_HTQPARAMLIST list);
 
+// ---- copying -----------------------------------------------------------------------------------
+//
+// Both share the nested lists, with new references, and copy none of them.
+
+/// Makes a list with the same entries in the same order, down to the byte.
+///
+/// @return a handle with one reference, owned by the caller; the null handle for null or if there
+/// is
+///         no memory for the list.
+/// Throws DataDamaged or NoDataExeption for a damaged list; the memory of the new one is then lost.
+TQ_API _tag_HTQPARAMLIST TQCloneHandle(_tag_HTQPARAMLIST source);
+
+/// Stores every value of `source` in `destination` under its name. A value that had the name there
+/// is replaced; the others stay ahead of the new ones.
+///
+/// @param source       null or an empty list copies nothing. It must not be `destination`.
+/// @param destination  not null, unless nothing is copied.
+/// @return TQ_ERR_OK, always.
+/// Throws DataDamaged or NoDataExeption at a damaged entry of `source`; what came before it has
+/// been stored.
+///
+/// Not checked, and undefined: a list value of `source` that names no list, as TQSetHandleValue
+/// makes it from null and as a peer can send it, and an array of more lists than `source` holds in
+/// all. Lists from a peer that is not trusted are cloned and not copied. Of an array of n lists the
+/// first n lists that `source` holds are stored, whatever the array names: these are its own if the
+/// array is the only value with lists. Callers rely on this, and it stays so.
+TQ_API _tag_TQ_ERROR TQCopyHandle(_tag_HTQPARAMLIST source, _tag_HTQPARAMLIST destination);
+
 #ifdef __cplusplus
 }  // extern "C"
 #endif

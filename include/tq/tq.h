@@ -9,7 +9,8 @@
 /// - <tq/param_list.h>          lists: make, fill, read, walk
 /// - <tq/application.h>         this process: initialise, listen, connect, shut down
 /// - <tq/messaging.h>           slots, signals, calls, notifications
-/// - <tq/diagnostics.h>         heap, log, counts
+/// - <tq/diagnostics.h>         heap, log, counts, dumps of lists
+/// - <tq/param_list_holder.h>   an owned list with the functions on it (C++)
 /// - <tq/application_holder.h>  a peer's name with the calls on it (C++)
 /// - <tq/counted_base.h>        the counted base class (C++)
 /// - <tq/memory_buffer.h>       the exception type of a cut block (C++)
@@ -45,4 +46,5 @@
 #include <tq/application_holder.h>
 #include <tq/counted_base.h>
 #include <tq/memory_buffer.h>
+#include <tq/param_list_holder.h>
 #endif

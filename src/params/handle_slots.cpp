@@ -51,6 +51,12 @@ void HandleSlots::Fill(uint32_t index, Slot list) {
   slots[index] = std::move(list);
 }
 
+void HandleSlots::CopyFrom(const HandleSlots& other) {
+  if (other.size == 0) return Clear();
+  if (!MakeEmptySlots(other.size)) throw std::bad_alloc();
+  for (uint32_t i = 0; i < other.used; ++i) Fill(i, other.slots[i]);
+}
+
 void HandleSlots::RotateToEnd(uint32_t index) {
   for (uint32_t i = index; i + 1 < size; ++i) std::swap(slots[i], slots[i + 1]);
 }

@@ -40,6 +40,10 @@ class HandleSlots {
   /// Fills a slot that MakeEmptySlots made. Slots are filled from the first on.
   void Fill(uint32_t index, Slot list);
 
+  /// Takes references to the lists of `other`, slot by slot, in place of its own. Throws
+  /// std::bad_alloc.
+  void CopyFrom(const HandleSlots& other);
+
   /// Moves slot `index` to the end; the others keep their order.
   void RotateToEnd(uint32_t index);
 

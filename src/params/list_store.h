@@ -89,6 +89,14 @@ class FastHolderImpl final : public MTObjects::MTReferencedTypeBase, public TQMe
                         uint32_t count);
   void StoreBinaryItemArray(const char* name, const _tag_BINARYITEM* items, uint32_t count);
 
+  /// A list with the same block and the same nested lists, without a reference yet; null when the
+  /// private heap is exhausted.
+  FastHolderImpl* Clone() const;
+
+  /// Stores every value of `source`, in its order, under its name. The nested lists are shared.
+  /// `source` must be another list; its list values must name lists.
+  void StoreAllOf(const FastHolderImpl& source);
+
   using TQMemoryBufferTpl2<0>::AppendAligned;
   using TQMemoryBufferTpl2<0>::AppendDword;
   using TQMemoryBufferTpl2<0>::AppendFromChannel;
@@ -110,6 +118,8 @@ class FastHolderImpl final : public MTObjects::MTReferencedTypeBase, public TQMe
   bool HasName(uint32_t position, const char* name) const;
   void RequireWalkable() const;
 
+  void StoreEntryOf(const FastHolderImpl& source, const _tag_TQPARAMINFO* entry,
+                    const uint8_t* entryEnd);
   uint32_t PushHandle(FastHolderImpl* list);
   void StoreDwords(const char* name, uint8_t type, const void* values, uint32_t count,
                    uint32_t elementSize);
