@@ -1,7 +1,5 @@
 #include "params/entry_layout.h"
 
-#include "frame/little_endian.h"
-
 #include <tq/memory_buffer.h>
 
 #include <cstring>
@@ -82,6 +80,15 @@ uint64_t PayloadSize(uint8_t type, const PayloadView& payload) {
 }
 
 }  // namespace
+
+uint64_t StepOverSlowly(const uint8_t* entry, const uint8_t* end) {
+  const auto available = static_cast<uint64_t>(end - entry);
+  const uint64_t offset = entry[0];
+  if (offset >= available) throw NoData();
+  const uint64_t step = offset + ValueSizeWithin(entry + offset, available - offset);
+  if (step > available) throw NoData();
+  return step;
+}
 
 uint64_t ValueSizeWithin(const uint8_t* value, uint64_t available) {
   if (available < TYPE_SIZE) throw NoData();

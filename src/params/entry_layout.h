@@ -9,8 +9,12 @@
 // little-endian.
 #pragma once
 
+#include "frame/little_endian.h"
+
 #include <tq/types.h>
 
+#include <array>
+#include <bit>
 #include <cstddef>
 #include <cstdint>
 
@@ -31,10 +35,68 @@ constexpr uint32_t TYPE_SIZE = 1;   ///< the type byte
 constexpr uint32_t DWORD_SIZE = 4;  ///< counts, lengths, offsets, indices, 32-bit values
 constexpr uint32_t QWORD_SIZE = 8;  ///< 64-bit values
 
+/// StepOver in every case, byte by byte.
+uint64_t StepOverSlowly(const uint8_t* entry, const uint8_t* end);
+
 /// The size of the value at `value`, type byte included, of which `available` bytes may be read.
 ///
 /// Throws DataDamaged for a type of no known code, and NoDataExeption where telling the size would
 /// take a byte that is not there. The result may exceed `available`; the walk judges that.
 uint64_t ValueSizeWithin(const uint8_t* value, uint64_t available);
+
+/// How the size of a value's payload comes about: `fixed` bytes, and the first word times `scale`,
+/// padded. With `fixed` 0 it takes a closer look.
+struct StepRule {
+  uint8_t fixed;
+  uint8_t scale;
+};
+
+constexpr std::array<StepRule, 256> MakeStepRules() {
+  std::array<StepRule, 256> rules{};
+  rules[PT_INT32] = {DWORD_SIZE, 0};
+  rules[PT_INT64] = {QWORD_SIZE, 0};
+  rules[PT_PARAMHANDLE] = {DWORD_SIZE, 0};
+  rules[PT_BINARY] = {DWORD_SIZE, 1};
+  rules[ArrayOf(PT_INT32)] = {DWORD_SIZE, DWORD_SIZE};
+  rules[ArrayOf(PT_INT64)] = {DWORD_SIZE, QWORD_SIZE};
+  rules[ArrayOf(PT_PARAMHANDLE)] = {DWORD_SIZE, DWORD_SIZE};
+  return rules;
+}
+
+inline constexpr std::array<StepRule, 256> STEP_RULES = MakeStepRules();
+
+/// Padded size of the text at `text`, terminator included, or 0 when its end is too near to `end`
+/// to be looked for in words. The first zero byte of a word is found as in "Hacker's Delight", 6-1.
+inline uint64_t PaddedTextSize(const uint8_t* text, const uint8_t* end) {
+  for (const uint8_t* word = text; static_cast<uint64_t>(end - word) >= QWORD_SIZE;
+       word += QWORD_SIZE) {
+    const uint64_t bytes = LoadQword(word);
+    const uint64_t zeros = (bytes - 0x0101010101010101u) & ~bytes & 0x8080808080808080u;
+    if (zeros != 0) {
+      const auto zeroAt =
+          static_cast<uint64_t>(word - text) + static_cast<uint64_t>(std::countr_zero(zeros)) / 8;
+      return Padded(zeroAt + 1);
+    }
+  }
+  return 0;
+}
+
+/// The step from `entry`, which is before `end`, to the next one. Throws as ValueSizeWithin, and
+/// NoDataExeption for a step past `end`.
+inline uint64_t StepOver(const uint8_t* entry, const uint8_t* end) {
+  const uint64_t head = uint64_t{entry[0]} + TYPE_SIZE;
+  const auto available = static_cast<uint64_t>(end - entry);
+  if (head + DWORD_SIZE > available) return StepOverSlowly(entry, end);
+  const uint8_t* const payload = entry + head;
+  const uint8_t type = payload[-1];
+  const StepRule rule = STEP_RULES[type];
+  uint64_t step = head + rule.fixed + Padded(uint64_t{LoadDword(payload)} * rule.scale);
+  if (rule.fixed == 0) {
+    const uint64_t textSize = type == PT_STRING ? PaddedTextSize(payload, end) : 0;
+    if (textSize == 0) return StepOverSlowly(entry, end);
+    step = head + textSize;
+  }
+  return step <= available ? step : StepOverSlowly(entry, end);
+}
 
 }  // namespace TQ::detail

@@ -4,6 +4,7 @@
 #include "frame/object_counts.h"
 #include "frame/private_heap.h"
 
+#include <algorithm>
 #include <cstring>
 #include <new>
 #include <vector>
@@ -21,12 +22,48 @@ namespace {
 constexpr uint32_t NAME_OFFSET = 1;  // the name stands behind the valueOffset byte
 constexpr uint32_t NO_POSITION = UINT32_MAX;
 
+using NoData = TQMemoryBufferTpl2<0>::NoDataExeption;
+
 uint32_t CheckedSize(uint64_t byteCount) {
   if (byteCount > UINT32_MAX) throw std::bad_alloc();
   return static_cast<uint32_t>(byteCount);
 }
 
 const char* TextOrEmpty(const char* text) { return text != nullptr ? text : ""; }
+
+/// A name that is looked for among entries. Most entries differ in their first bytes, so these are
+/// compared as one word, next to the valueOffset byte that they share it with.
+class NameToFind {
+ public:
+  explicit NameToFind(const char* text) : name(text), sizeWithZero(std::strlen(text) + 1) {
+    const std::size_t inWord = std::min<std::size_t>(sizeWithZero, IN_WORD);
+    for (std::size_t i = 0; i < inWord; ++i) {
+      wordWanted |= uint64_t{static_cast<uint8_t>(name[i])} << (8 * (i + NAME_OFFSET));
+    }
+    constexpr uint64_t ALL = ~uint64_t{0};
+    wordMask = (ALL >> (8 * (IN_WORD - inWord))) & (ALL << (8 * NAME_OFFSET));
+  }
+
+  /// Whether `entry` has the name. Its end comes from the block, which a peer may have sent: it is
+  /// looked for before `end` only.
+  bool IsOf(const uint8_t* entry, const uint8_t* end) const {
+    const auto available = static_cast<std::size_t>(end - entry);
+    if (available >= QWORD_SIZE && ((LoadQword(entry) ^ wordWanted) & wordMask) != 0) return false;
+    if (available >= NAME_OFFSET + sizeWithZero) {
+      return sizeWithZero <= IN_WORD || std::memcmp(entry + NAME_OFFSET, name, sizeWithZero) == 0;
+    }
+    if (std::memcmp(entry + NAME_OFFSET, name, available - NAME_OFFSET) != 0) return false;
+    throw NoData();
+  }
+
+ private:
+  static constexpr std::size_t IN_WORD = QWORD_SIZE - NAME_OFFSET;
+
+  const char* name;
+  std::size_t sizeWithZero;
+  uint64_t wordWanted = 0;
+  uint64_t wordMask = 0;
+};
 
 }  // namespace
 
@@ -73,23 +110,16 @@ uint64_t FastHolderImpl::EntryLength(uint32_t position) const {
 }
 
 uint32_t FastHolderImpl::NextPosition(uint32_t position) const {
-  const uint64_t next = position + EntryLength(position);
-  if (next > size) throw NoDataExeption();
-  return static_cast<uint32_t>(next);
+  return position + static_cast<uint32_t>(StepOver(data + position, data + size));
 }
 
-bool FastHolderImpl::HasName(uint32_t position, const char* name) const {
-  // The name's end comes from the block, which a peer may have sent: it is looked for inside only.
-  for (uint64_t i = uint64_t{position} + NAME_OFFSET; i < size; ++i, ++name) {
-    if (data[i] != static_cast<uint8_t>(*name)) return false;
-    if (*name == '\0') return true;
-  }
-  throw NoDataExeption();
-}
-
+/// One pass over the block, by contract: there is no index.
 const _tag_TQPARAMINFO* FastHolderImpl::FindParam(const char* name) const {
-  for (uint32_t position = 0; position < size; position = NextPosition(position)) {
-    if (HasName(position, name)) return EntryAt(position);
+  if (size == 0) return nullptr;
+  const NameToFind wanted(name);
+  const uint8_t* const end = data + size;
+  for (const uint8_t* entry = data; entry != end; entry += StepOver(entry, end)) {
+    if (wanted.IsOf(entry, end)) return reinterpret_cast<const _tag_TQPARAMINFO*>(entry);
   }
   return nullptr;
 }
@@ -221,8 +251,9 @@ void FastHolderImpl::ReleaseArraySlots(uint32_t position) {
 
 // --- stores --------------------------------------------------------------------------------------
 
-void FastHolderImpl::BeginStore(const char* name, uint8_t type) {
+void FastHolderImpl::BeginStore(const char* name, uint8_t type, uint64_t payloadSize) {
   RemoveParam(FindParam(name));
+  Grow(CheckedSize(HeadSize(std::strlen(name)) + Padded(payloadSize)));
   owner->AppendName(name, type);
 }
 
@@ -239,26 +270,26 @@ void FastHolderImpl::AppendBinary(const void* bytes, uint32_t length) {
 }
 
 void FastHolderImpl::StoreHandle(const char* name, FastHolderImpl* list) {
-  BeginStore(name, PT_PARAMHANDLE);
+  BeginStore(name, PT_PARAMHANDLE, DWORD_SIZE);
   owner->AppendDword(PushHandle(list));
   FinishStore();
 }
 
 void FastHolderImpl::StoreBinary(const char* name, const void* bytes, uint32_t length) {
-  BeginStore(name, PT_BINARY);
+  BeginStore(name, PT_BINARY, uint64_t{DWORD_SIZE} + length);
   AppendBinary(bytes, length);
   FinishStore();
 }
 
 void FastHolderImpl::StoreInt64(const char* name, uint64_t value) {
-  BeginStore(name, PT_INT64);
+  BeginStore(name, PT_INT64, QWORD_SIZE);
   owner->AppendAligned(&value, QWORD_SIZE);
   FinishStore();
 }
 
 void FastHolderImpl::StoreDwords(const char* name, uint8_t type, const void* values, uint32_t count,
                                  uint32_t elementSize) {
-  BeginStore(name, type);
+  BeginStore(name, type, DWORD_SIZE + uint64_t{count} * elementSize);
   owner->AppendDword(count);
   owner->AppendAligned(values, CheckedSize(uint64_t{count} * elementSize));
   FinishStore();
@@ -274,7 +305,7 @@ void FastHolderImpl::StoreInt64Array(const char* name, const uint64_t* values, u
 
 void FastHolderImpl::StoreHandleArray(const char* name, const _tag_HTQPARAMLIST* values,
                                       uint32_t count) {
-  BeginStore(name, ArrayOf(PT_PARAMHANDLE));
+  BeginStore(name, ArrayOf(PT_PARAMHANDLE), DWORD_SIZE * (uint64_t{count} + 1));
   owner->AppendDword(count);
   const uint32_t table = size;
   const uint32_t tableSize = CheckedSize(uint64_t{count} * DWORD_SIZE);
@@ -290,7 +321,7 @@ void FastHolderImpl::StoreHandleArray(const char* name, const _tag_HTQPARAMLIST*
 template <typename AppendElement>
 void FastHolderImpl::StoreOffsetArray(const char* name, uint8_t type, uint32_t count,
                                       AppendElement appendElement) {
-  BeginStore(name, type);
+  BeginStore(name, type, DWORD_SIZE * (uint64_t{count} + 1));
   owner->AppendDword(count);
   const uint32_t table = size;
   const uint32_t tableSize = CheckedSize(uint64_t{count} * DWORD_SIZE);

@@ -75,7 +75,9 @@ class FastHolderImpl final : public MTObjects::MTReferencedTypeBase, public TQMe
 
   // A store removes the value of that name and appends the new one: the entry moves to the end of
   // the block. Intended: nothing is ever updated in place, whatever type and size it has.
-  void BeginStore(const char* name, uint8_t type);
+  // `payloadSize` bytes, padded, are known to follow: room for them is made with that of the head,
+  // so that a value costs one growth.
+  void BeginStore(const char* name, uint8_t type, uint64_t payloadSize);
   void FinishStore() { ++paramCount; }
 
   void StoreHandle(const char* name, FastHolderImpl* list);
@@ -115,7 +117,6 @@ class FastHolderImpl final : public MTObjects::MTReferencedTypeBase, public TQMe
   const uint8_t* ValueAt(uint32_t position) const;
   uint64_t EntryLength(uint32_t position) const;
   uint32_t NextPosition(uint32_t position) const;
-  bool HasName(uint32_t position, const char* name) const;
   void RequireWalkable() const;
 
   void StoreEntryOf(const FastHolderImpl& source, const _tag_TQPARAMINFO* entry,

@@ -4,7 +4,6 @@
 #include <tq/param_list.h>
 
 #include <cstring>
-#include <new>
 #include <vector>
 
 using TQ::detail::ListRef;
@@ -24,9 +23,8 @@ _tag_TQ_ERROR StoreInto(_tag_HTQPARAMLIST list, Store store) {
 _tag_TQ_ERROR TQSetStringValue(_tag_HTQPARAMLIST list, const char* name, const char* value) {
   return StoreInto(list, [&](FastHolderImpl& store) {
     const char* text = value != nullptr ? value : "";
-    store.BeginStore(name, PT_STRING);
     const uint64_t length = uint64_t{std::strlen(text)} + 1;
-    if (length > UINT32_MAX) throw std::bad_alloc();
+    store.BeginStore(name, PT_STRING, length);
     store.AppendAligned(text, static_cast<uint32_t>(length));
     store.FinishStore();
   });
@@ -34,7 +32,7 @@ _tag_TQ_ERROR TQSetStringValue(_tag_HTQPARAMLIST list, const char* name, const c
 
 _tag_TQ_ERROR TQSetInt32Value(_tag_HTQPARAMLIST list, const char* name, uint32_t value) {
   return StoreInto(list, [&](FastHolderImpl& store) {
-    store.BeginStore(name, PT_INT32);
+    store.BeginStore(name, PT_INT32, sizeof value);
     store.AppendDword(value);
     store.FinishStore();
   });
