@@ -1,12 +1,12 @@
 // Duplicating what a list holds: as a twin, and value by value into another list. Both share the
 // nested lists.
-#include "frame/little_endian.h"
 #include "frame/private_heap.h"
+#include "params/block_reader.h"
 #include "params/list_store.h"
 
 #include <tq/param_list.h>
 
-#include <cstring>
+#include <cstdint>
 #include <vector>
 
 using namespace TQ::detail;
@@ -16,54 +16,24 @@ namespace {
 template <typename T>
 using HeapVector = std::vector<T, TQHeapAllocator<T>>;
 
-using NoData = TQMemoryBufferTpl2<0>::NoDataExeption;
-
-/// The payload of one value, whose end is known to lie in the block.
-class PayloadReader {
- public:
-  PayloadReader(const uint8_t* payload, const uint8_t* payloadEnd)
-      : begin(payload), end(payloadEnd) {}
-
-  uint32_t Count() const { return LoadDword(begin); }
-  const uint8_t* Elements() const { return begin + DWORD_SIZE; }
-
-  /// Where the element of an offset array begins; at least `byteCount` bytes follow.
-  const uint8_t* Element(uint32_t index, uint32_t byteCount) const {
-    const uint64_t offset = LoadDword(Elements() + uint64_t{index} * DWORD_SIZE);
-    const uint64_t position = DWORD_SIZE * (uint64_t{Count()} + 1) + offset;
-    const auto length = static_cast<uint64_t>(end - begin);
-    if (position > length || length - position < byteCount) throw NoData();
-    return begin + position;
-  }
-
-  const char* Text(uint32_t index) const {
-    const uint8_t* text = Element(index, 1);
-    if (std::memchr(text, 0, static_cast<std::size_t>(end - text)) == nullptr) throw NoData();
-    return reinterpret_cast<const char*>(text);
-  }
-
-  _tag_BINARYITEM Binary(uint32_t index) const {
-    const uint8_t* item = Element(index, DWORD_SIZE);
-    const uint32_t length = LoadDword(item);
-    if (static_cast<uint64_t>(end - item) - DWORD_SIZE < length) throw NoData();
-    return {length, item + DWORD_SIZE};
-  }
-
- private:
-  const uint8_t* begin;
-  const uint8_t* end;
-};
-
-void StoreTexts(FastHolderImpl& target, const char* name, const PayloadReader& payload) {
-  HeapVector<const char*> texts(payload.Count());
-  for (uint32_t i = 0; i < payload.Count(); ++i) texts[i] = payload.Text(i);
-  target.StoreStringArray(name, texts.data(), payload.Count());
+void StoreTexts(FastHolderImpl& target, const char* name, const BlockReader& array) {
+  const uint32_t count = array.Dword(0);
+  array.Elements(count, DWORD_SIZE);  // the table, before memory is taken for its size
+  HeapVector<const char*> texts(count);
+  for (uint32_t i = 0; i < count; ++i) texts[i] = array.Element(count, i).Text();
+  target.StoreStringArray(name, texts.data(), count);
 }
 
-void StoreBinaries(FastHolderImpl& target, const char* name, const PayloadReader& payload) {
-  HeapVector<_tag_BINARYITEM> items(payload.Count());
-  for (uint32_t i = 0; i < payload.Count(); ++i) items[i] = payload.Binary(i);
-  target.StoreBinaryItemArray(name, items.data(), payload.Count());
+void StoreBinaries(FastHolderImpl& target, const char* name, const BlockReader& array) {
+  const uint32_t count = array.Dword(0);
+  array.Elements(count, DWORD_SIZE);
+  HeapVector<_tag_BINARYITEM> items(count);
+  for (uint32_t i = 0; i < count; ++i) {
+    const BlockReader item = array.Element(count, i);
+    const uint32_t length = item.Dword(0);
+    items[i] = {length, item.Bytes(DWORD_SIZE, length)};
+  }
+  target.StoreBinaryItemArray(name, items.data(), count);
 }
 
 /// Intended: element i is the list in slot i, whatever index the array holds there, and slots are
@@ -79,9 +49,67 @@ void StoreFirstLists(FastHolderImpl& target, const char* name, const HandleSlots
   target.StoreHandleArray(name, lists.data(), count);
 }
 
-/// An unaligned array of 64-bit values is copied as bytes by the store.
-const uint64_t* AsQwords(const uint8_t* bytes) { return reinterpret_cast<const uint64_t*>(bytes); }
-const uint32_t* AsDwords(const uint8_t* bytes) { return reinterpret_cast<const uint32_t*>(bytes); }
+void StoreSingle(FastHolderImpl& target, const char* name, uint8_t type, const HandleSlots& slots,
+                 const BlockReader& payload) {
+  switch (type) {
+    case PT_STRING:
+      TQSetStringValue({&target}, name, payload.Text());
+      break;
+    case PT_INT32:
+      TQSetInt32Value({&target}, name, payload.Dword(0));
+      break;
+    case PT_INT64:
+      target.StoreInt64(name, payload.Qword(0));
+      break;
+    case PT_PARAMHANDLE:
+      // Intended: the index is used as it stands.
+      target.StoreHandle(name, slots[payload.Dword(0)].Get());
+      break;
+    default:
+      target.StoreBinary(name, payload.Bytes(DWORD_SIZE, payload.Dword(0)), payload.Dword(0));
+      break;
+  }
+}
+
+void StoreArray(FastHolderImpl& target, const char* name, uint8_t type, const HandleSlots& slots,
+                const BlockReader& payload) {
+  const uint32_t count = payload.Dword(0);
+  switch (type) {
+    case ArrayOf(PT_STRING):
+      StoreTexts(target, name, payload);
+      break;
+    case ArrayOf(PT_INT32):
+      target.StoreInt32Array(
+          name, reinterpret_cast<const uint32_t*>(payload.Elements(count, DWORD_SIZE)), count);
+      break;
+    case ArrayOf(PT_INT64):
+      // Unaligned: the store copies bytes.
+      target.StoreInt64Array(
+          name, reinterpret_cast<const uint64_t*>(payload.Elements(count, QWORD_SIZE)), count);
+      break;
+    case ArrayOf(PT_PARAMHANDLE):
+      payload.Elements(count, DWORD_SIZE);
+      StoreFirstLists(target, name, slots, count);
+      break;
+    default:
+      StoreBinaries(target, name, payload);
+      break;
+  }
+}
+
+/// Stores one value of `source` under its name, in the way of its type.
+void StoreValueOf(FastHolderImpl& target, const FastHolderImpl& source,
+                  const _tag_TQPARAMINFO* entry) {
+  const uint8_t type = source.ValueType(entry);
+  if (!IsSingleType(type) && !IsArrayType(type)) return;  // the walk raises behind it
+  source.RequireTerminatedName(entry);
+  const BlockReader payload(source.Payload(entry, 0), source.BlockData() + source.BlockSize());
+  if (IsArrayType(type)) {
+    StoreArray(target, entry->name, type, source.Handles(), payload);
+  } else {
+    StoreSingle(target, entry->name, type, source.Handles(), payload);
+  }
+}
 
 }  // namespace
 
@@ -96,55 +124,8 @@ FastHolderImpl* FastHolderImpl::Clone() const {
 }
 
 void FastHolderImpl::StoreAllOf(const FastHolderImpl& source) {
-  uint32_t next = 0;
-  for (uint32_t position = 0; position < source.size; position = next) {
-    // An entry that ends outside the block raises here, before anything of it is read.
-    next = source.NextPosition(position);
-    const _tag_TQPARAMINFO* entry = source.EntryAt(position);
-    source.RequireTerminatedName(entry);
-    StoreEntryOf(source, entry, source.data + next);
-  }
-}
-
-/// Stores one value under its name, in the way of its type.
-void FastHolderImpl::StoreEntryOf(const FastHolderImpl& source, const _tag_TQPARAMINFO* entry,
-                                  const uint8_t* entryEnd) {
-  const char* name = entry->name;
-  const uint8_t* value = source.ValueAt(source.PositionOf(entry));
-  const uint8_t* bytes = value + TYPE_SIZE;
-  const PayloadReader payload(bytes, entryEnd);
-  switch (*value) {
-    case PT_STRING:
-      TQSetStringValue({this}, name, reinterpret_cast<const char*>(bytes));
-      break;
-    case PT_INT32:
-      TQSetInt32Value({this}, name, LoadDword(bytes));
-      break;
-    case PT_INT64:
-      StoreInt64(name, LoadQword(bytes));
-      break;
-    case PT_PARAMHANDLE:
-      // Intended: the index is used as it stands.
-      StoreHandle(name, source.handles[LoadDword(bytes)].Get());
-      break;
-    case PT_BINARY:
-      StoreBinary(name, bytes + DWORD_SIZE, LoadDword(bytes));
-      break;
-    case ArrayOf(PT_STRING):
-      StoreTexts(*this, name, payload);
-      break;
-    case ArrayOf(PT_INT32):
-      StoreInt32Array(name, AsDwords(payload.Elements()), payload.Count());
-      break;
-    case ArrayOf(PT_INT64):
-      StoreInt64Array(name, AsQwords(payload.Elements()), payload.Count());
-      break;
-    case ArrayOf(PT_PARAMHANDLE):
-      StoreFirstLists(*this, name, source.handles, payload.Count());
-      break;
-    default:  // the walk knows no other type
-      StoreBinaries(*this, name, payload);
-      break;
+  for (const auto* entry = source.FirstParam(); entry != nullptr; entry = source.NextParam(entry)) {
+    StoreValueOf(*this, source, entry);
   }
 }
 

@@ -4,7 +4,7 @@
 // the stream hexadecimal, which shows in the numbers behind it until something sets it back.
 #include "params/dump.h"
 
-#include "frame/little_endian.h"
+#include "params/block_reader.h"
 #include "params/list_store.h"
 
 #include <tq/diagnostics.h>
@@ -21,39 +21,7 @@ Mutex g_printMutex;
 
 namespace {
 
-using NoData = TQMemoryBufferTpl2<0>::NoDataExeption;
-
 constexpr const char* CLOSING_LINE = "=================================";
-
-/// The bytes of a value behind its type byte, up to the end of the block. A peer may have sent
-/// them: a text, length or table that passes the end raises.
-class BlockReader {
- public:
-  BlockReader(const uint8_t* start, const uint8_t* blockEnd) : begin(start), end(blockEnd) {}
-
-  BlockReader From(uint64_t offset) const { return {Bytes(offset, 0), end}; }
-  const uint8_t* Bytes(uint64_t offset, uint64_t count) const {
-    const auto available = static_cast<uint64_t>(end - begin);
-    if (offset > available || available - offset < count) throw NoData();
-    return begin + offset;
-  }
-  uint32_t Dword(uint64_t offset) const { return LoadDword(Bytes(offset, DWORD_SIZE)); }
-  uint64_t Qword(uint64_t offset) const { return LoadQword(Bytes(offset, QWORD_SIZE)); }
-  const char* Text() const {
-    const auto available = static_cast<std::size_t>(end - begin);
-    if (std::memchr(begin, 0, available) == nullptr) throw NoData();
-    return reinterpret_cast<const char*>(begin);
-  }
-  /// An element of an offset array of `count`.
-  BlockReader Element(uint32_t count, uint32_t index) const {
-    const uint64_t tableEnd = DWORD_SIZE * (uint64_t{count} + 1);
-    return From(tableEnd + Dword(DWORD_SIZE * (uint64_t{index} + 1)));
-  }
-
- private:
-  const uint8_t* begin;
-  const uint8_t* end;
-};
 
 /// One list of a dump at its depth.
 class Dumper {
@@ -67,7 +35,7 @@ class Dumper {
     stream << entry->name;
     const uint8_t type = list.ValueType(entry);
     const BlockReader payload(list.Payload(entry, 0), list.BlockData() + list.BlockSize());
-    if (type >= ArrayOf(PT_STRING) && type <= ArrayOf(PT_BINARY)) {
+    if (IsArrayType(type)) {
       PrintArray(type, payload);
     } else {
       PrintSingle(type, payload);

@@ -31,6 +31,14 @@ constexpr uint8_t ArrayOf(_tag_PARAM_TYPES element) {
   return static_cast<uint8_t>(PT_ARRAY_FLAG | element);
 }
 
+/// Whether `type` is the code of a value that is no array.
+constexpr bool IsSingleType(uint8_t type) { return type >= PT_STRING && type <= PT_BINARY; }
+
+/// Whether `type` is the code of an array.
+constexpr bool IsArrayType(uint8_t type) {
+  return type >= ArrayOf(PT_STRING) && type <= ArrayOf(PT_BINARY);
+}
+
 constexpr uint32_t TYPE_SIZE = 1;   ///< the type byte
 constexpr uint32_t DWORD_SIZE = 4;  ///< counts, lengths, offsets, indices, 32-bit values
 constexpr uint32_t QWORD_SIZE = 8;  ///< 64-bit values

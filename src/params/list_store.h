@@ -96,7 +96,8 @@ class FastHolderImpl final : public MTObjects::MTReferencedTypeBase, public TQMe
   FastHolderImpl* Clone() const;
 
   /// Stores every value of `source`, in its order, under its name. The nested lists are shared.
-  /// `source` must be another list; its list values must name lists.
+  /// `source` must be another list; its list values must name lists. Damage raises where the walk
+  /// meets it, with the values ahead of it stored.
   void StoreAllOf(const FastHolderImpl& source);
 
   using TQMemoryBufferTpl2<0>::AppendAligned;
@@ -119,8 +120,6 @@ class FastHolderImpl final : public MTObjects::MTReferencedTypeBase, public TQMe
   uint32_t NextPosition(uint32_t position) const;
   void RequireWalkable() const;
 
-  void StoreEntryOf(const FastHolderImpl& source, const _tag_TQPARAMINFO* entry,
-                    const uint8_t* entryEnd);
   uint32_t PushHandle(FastHolderImpl* list);
   void StoreDwords(const char* name, uint8_t type, const void* values, uint32_t count,
                    uint32_t elementSize);
