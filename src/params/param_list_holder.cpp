@@ -24,14 +24,20 @@ const uint8_t* FindArray(_tag_HTQPARAMLIST list, const char* name, uint8_t type)
   return list.impl->Payload(entry, DWORD_SIZE);
 }
 
+/// The 32-bit word number `index` behind the count. A peer's array may be unaligned.
+uint32_t ArrayDword(const uint8_t* array, uint32_t index) {
+  return LoadDword(array + DWORD_SIZE * (uint64_t{index} + 1));
+}
+
 /// Gives up to `maximum` lists of the array, from element `first` on, to `take`.
 template <typename Take>
 uint32_t ForEachList(_tag_HTQPARAMLIST list, const char* name, uint32_t maximum, uint32_t first,
                      Take take) {
-  const _tag_TQDWORDARRAY indices = TQGetHandleArray(list, name);
+  const uint8_t* array = FindArray(list, name, ArrayOf(PT_PARAMHANDLE));
+  const uint32_t count = array != nullptr ? LoadDword(array) : 0;
   uint32_t written = 0;
-  for (uint32_t i = first; written < maximum && i < indices.count; ++i, ++written) {
-    take(written, TQGetHandleById(list, indices.values[i]));
+  for (uint32_t i = first; written < maximum && i < count; ++i, ++written) {
+    take(written, TQGetHandleById(list, ArrayDword(array, i)));
   }
   return written;
 }
@@ -202,14 +208,14 @@ const _tag_BINARYVALUE* ParamListHolder::GetBinary(const char* name, uint32_t in
 uint32_t ParamListHolder::GetInt32(const char* name, uint32_t index) const {
   const uint8_t* array = FindArray(handle, name, ArrayOf(PT_INT32));
   if (array == nullptr || index >= LoadDword(array)) return 0;
-  return LoadDword(array + DWORD_SIZE * (uint64_t{index} + 1));
+  return ArrayDword(array, index);
 }
 
 uint64_t ParamListHolder::GetInt64(const char* name, uint32_t index) const {
   const uint8_t* array = FindArray(handle, name, ArrayOf(PT_INT64));
   if (array == nullptr || index >= LoadDword(array)) return 0;
   // Intended: steps by 32 bits and reads as many, though the elements have 64.
-  return LoadDword(array + DWORD_SIZE * (uint64_t{index} + 1));
+  return ArrayDword(array, index);
 }
 
 ParamListHolder ParamListHolder::GetHandle(const char* name, uint32_t index) const {
