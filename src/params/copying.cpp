@@ -113,14 +113,16 @@ void StoreValueOf(FastHolderImpl& target, const FastHolderImpl& source,
 
 }  // namespace
 
-FastHolderImpl* FastHolderImpl::Clone() const {
-  auto* const clone = new FastHolderImpl();
-  if (clone == nullptr) return nullptr;
+ListRef FastHolderImpl::Clone() const {
+  ListRef clone = Create();
+  if (!clone) return clone;
   clone->AppendAligned(data, size);
   clone->handles.CopyFrom(handles);
-  // Intended: a damaged block is copied first and raises then, and the new list is lost.
-  clone->CountParams();
-  return clone;
+  // Intended: nobody holds the new list while its entries are counted. A damaged block raises only
+  // there, and the list is lost.
+  FastHolderImpl* const counted = clone.Detach();
+  counted->CountParams();
+  return ListRef::Adopt(counted);
 }
 
 void FastHolderImpl::StoreAllOf(const FastHolderImpl& source) {
@@ -131,7 +133,7 @@ void FastHolderImpl::StoreAllOf(const FastHolderImpl& source) {
 
 _tag_HTQPARAMLIST TQCloneHandle(_tag_HTQPARAMLIST source) {
   if (source.impl == nullptr) return g_nullParamList;
-  return {ListRef(source.impl->Clone()).Detach()};
+  return {source.impl->Clone().Detach()};
 }
 
 _tag_TQ_ERROR TQCopyHandle(_tag_HTQPARAMLIST source, _tag_HTQPARAMLIST destination) {

@@ -91,9 +91,9 @@ class FastHolderImpl final : public MTObjects::MTReferencedTypeBase, public TQMe
                         uint32_t count);
   void StoreBinaryItemArray(const char* name, const _tag_BINARYITEM* items, uint32_t count);
 
-  /// A list with the same block and the same nested lists, without a reference yet; null when the
-  /// private heap is exhausted.
-  FastHolderImpl* Clone() const;
+  /// A list with the same block and the same nested lists, or an empty reference when the private
+  /// heap is exhausted. A damaged block raises, and the memory of the new list is lost.
+  TQ::detail::CountedRef<FastHolderImpl> Clone() const;
 
   /// Stores every value of `source`, in its order, under its name. The nested lists are shared.
   /// `source` must be another list; its list values must name lists. Damage raises where the walk
