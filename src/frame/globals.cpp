@@ -13,6 +13,7 @@
 #include "frame/object_counts.h"
 #include "frame/private_heap.h"
 #include "frame/settings.h"
+#include "params/dump.h"
 #include "session/application_registry.h"
 #include "session/challenge.h"
 #include "session/dispatcher.h"
@@ -36,6 +37,9 @@ ObjectCounters g_objectCounts;
 std::atomic<uint32_t> g_logMask{0};
 std::atomic<int32_t> g_logVerbosity{0};
 std::atomic<TQLogCallback> g_logCallback{nullptr};
+
+// The lock of the dumps.
+Mutex g_printMutex;
 
 // Settings.
 namespace {

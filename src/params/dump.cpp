@@ -16,9 +16,6 @@
 #include <sstream>
 
 namespace TQ::detail {
-
-Mutex g_printMutex;
-
 namespace {
 
 constexpr const char* CLOSING_LINE = "=================================";
