@@ -73,14 +73,16 @@ TQ_API TQObjectCounts DEBUG_TQObjectCount(void);
 //
 // A list as text: a line with its address, its entries and those of the lists inside it, each level
 // indented by two blanks more, and a closing line. Values stand as name=value, with `withTypes` as
-// name[PT_INT32]=value; numbers are unsigned, bytes are pairs of hexadecimal places. The format
-// stays as it is, for those who read it with programs, and this belongs to it: behind an array of
-// binaries numbers are hexadecimal, up to the next single binary.
+// name[PT_INT32]=value; an array is a line name=ARRAY with a line for each element below it.
+// Numbers are unsigned, bytes take two hexadecimal places each. The format stays as it is, for
+// those who read it with programs, and this belongs to it: each text and number of an array is
+// followed by an empty line, and behind the bytes of an array numbers are hexadecimal, up to the
+// next single binary or the next dump.
 //
 // A damaged entry throws as in <tq/param_list.h>, with the text up to there written. A list stored
 // in itself is dumped until the stack ends.
 
-/// Dumps to the standard error stream. One dump at a time, the others wait.
+/// Dumps to std::cerr. One dump at a time, the others wait.
 TQ_API void PrintHandleInfo(_tag_HTQPARAMLIST list, bool withTypes);
 
 /// Dumps into memory.
@@ -96,8 +98,9 @@ TQ_API void PrintHandleInfoToBuffer(_tag_HTQPARAMLIST list, bool withTypes, char
 
 /// Writes the entries of a list, without the lines around a dump, to any stream, in its own locale.
 ///
-/// @param depth  how many levels to indent, 0 for none. A null or empty list writes nothing.
-/// The stream may be hexadecimal afterwards.
+/// The stream may be hexadecimal afterwards. A null or empty list writes nothing.
+///
+/// @param depth  how many levels to indent, 0 for none.
 TQ_API void PrintHandleInfoRecurse(std::ostream& stream, _tag_HTQPARAMLIST list, bool withTypes,
                                    int32_t depth);
 #endif

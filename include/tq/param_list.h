@@ -6,15 +6,17 @@
 /// removes the value that had it, whatever its type, and appends the new one: the order of a list
 /// is the order of last stores. A list can hold other lists, which are shared and not copied.
 ///
-/// Ownership. A handle from TQCreateParamList, TQReferenceHandle, TQGetHandleValue, TQCall or
-/// TQCallWithFlow carries one reference that the caller owns and gives back with TQCloseHandle.
+/// Ownership. A handle from TQCreateParamList, TQReferenceHandle, TQCloneHandle, TQGetHandleValue,
+/// TQCall or TQCallWithFlow carries one reference that the caller owns and gives back with
+/// TQCloseHandle.
 /// The handle from TQGetHandleById is borrowed and must not be closed; so are handles given to
 /// callbacks. A list that stores a list takes a reference of its own, and gives it up when the
 /// value is replaced or removed or when it dies. The last reference destroys the list at once, on
 /// the thread that gives it up.
 ///
-/// Null. Every function here takes the null handle: setters and removers answer TQ_ERR_FAILED, all
-/// others 0, a null pointer, an empty view or the null handle. Nothing is logged.
+/// Null. Every function here takes the null handle, TQCopyHandle as its source alone: setters and
+/// removers answer TQ_ERR_FAILED, all others 0, a null pointer, an empty view or the null handle.
+/// Nothing is logged.
 ///
 /// Not checked: everything else. A null name, a handle whose list is gone, a wrong count, an entry
 /// pointer that is no longer good are undefined. Names are case-sensitive bytes and may be empty.
@@ -270,10 +272,10 @@ TQ_API _tag_TQ_ERROR TQRemoveAllValues(_tag_HTQPARAMLIST list);
 
 /// Makes a list with the same entries in the same order, down to the byte.
 ///
-/// @return a handle with one reference, owned by the caller; the null handle for null or if there
-/// is
-///         no memory for the list.
-/// Throws DataDamaged or NoDataExeption for a damaged list; the memory of the new one is then lost.
+/// @return a handle with one reference, owned by the caller; the null handle for null, or if there
+///         is no memory for the list.
+/// Throws DataDamaged or NoDataExeption for a damaged list, which here is also a peer's list whose
+/// block does not end on a multiple of 4 bytes; the memory of the new list is then lost.
 TQ_API _tag_HTQPARAMLIST TQCloneHandle(_tag_HTQPARAMLIST source);
 
 /// Stores every value of `source` in `destination` under its name. A value that had the name there
@@ -285,11 +287,13 @@ TQ_API _tag_HTQPARAMLIST TQCloneHandle(_tag_HTQPARAMLIST source);
 /// Throws DataDamaged or NoDataExeption at a damaged entry of `source`; what came before it has
 /// been stored.
 ///
-/// Not checked, and undefined: a list value of `source` that names no list, as TQSetHandleValue
-/// makes it from null and as a peer can send it, and an array of more lists than `source` holds in
-/// all. Lists from a peer that is not trusted are cloned and not copied. Of an array of n lists the
-/// first n lists that `source` holds are stored, whatever the array names: these are its own if the
-/// array is the only value with lists. Callers rely on this, and it stays so.
+/// Of an array of n lists the first n lists that `source` holds are stored, whatever the array
+/// names: these are its own if it is the only value with lists. Callers rely on this, and it stays
+/// so.
+///
+/// Not checked, and undefined: a list value that names no list, as TQSetHandleValue makes it from
+/// null and as a peer can send it, and an array of more lists than `source` holds in all. Lists
+/// from a peer that is not trusted are cloned and not copied.
 TQ_API _tag_TQ_ERROR TQCopyHandle(_tag_HTQPARAMLIST source, _tag_HTQPARAMLIST destination);
 
 #ifdef __cplusplus

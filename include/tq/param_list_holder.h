@@ -18,7 +18,8 @@
 /// Handles go into a holder and none comes out of it: the handle of a list that flat functions are
 /// to take is kept beside the holder, as above, and is borrowed for as long as that lives.
 ///
-/// Threads: a holder is for one thread at a time, as the list is.
+/// Threads: a holder has no lock. Several threads may use its const members together, as they may
+/// read its list; all other members need both alone.
 #pragma once
 
 #include <tq/export.h>
