@@ -121,6 +121,43 @@ static void EntriesAreWalkedAndRemoved(void) {
   CHECK(TQCloseHandle(list) == TQ_ERR_OK);
 }
 
+static void ListsAreClonedAndCopied(HTQPARAMLIST nested) {
+  HTQPARAMLIST list = TQCreateParamList();
+  CHECK(TQSetInt32Value(list, "a", 1) == TQ_ERR_OK);
+  CHECK(TQSetHandleValue(list, "nested", nested) == TQ_ERR_OK);
+  HTQPARAMLIST clone = TQCloneHandle(list);
+  CHECK(clone.impl != NULL && clone.impl != list.impl);
+  CHECK(TQGetParamCount(clone) == 2);
+  CHECK(TQGetHandleById(clone, 0).impl == nested.impl);
+  HTQPARAMLIST target = TQCreateParamList();
+  CHECK(TQSetInt32Value(target, "b", 2) == TQ_ERR_OK);
+  CHECK(TQCopyHandle(clone, target) == TQ_ERR_OK);
+  CHECK(TQGetParamCount(target) == 3);
+  CHECK(TQGetInt32Value(target, "a") == 1);
+  CHECK(TQCloneHandle(NO_LIST).impl == NULL);
+  CHECK(TQCopyHandle(NO_LIST, target) == TQ_ERR_OK);
+  CHECK(TQCloseHandle(target) == TQ_ERR_OK);
+  CHECK(TQCloseHandle(clone) == TQ_ERR_OK);
+  CHECK(TQCloseHandle(list) == TQ_ERR_OK);
+}
+
+static void ListsAreDumpedWithAndWithoutTypes(void) {
+  HTQPARAMLIST list = TQCreateParamList();
+  CHECK(TQSetInt32Value(list, "a", 5) == TQ_ERR_OK);
+  char text[200];
+  const bool withTypes = true;
+  PrintHandleInfoToBuffer(list, withTypes, text, sizeof text);
+  CHECK(strncmp(text, "=====[0x", 8) == 0);
+  CHECK(strstr(text, "]\na[PT_INT32]=5\n====") != NULL);
+  CHECK(text[sizeof text - 1] == 0);
+  PrintHandleInfoToBuffer(list, !withTypes, text, sizeof text);
+  CHECK(strstr(text, "]\na=5\n====") != NULL);
+  PrintHandleInfoToBuffer(list, false, text, 6);
+  CHECK(strcmp(text, "=====") == 0);
+  PrintHandleInfo(NO_LIST, false);
+  CHECK(TQCloseHandle(list) == TQ_ERR_OK);
+}
+
 static void NullListsAreRefused(void) {
   CHECK(TQSetInt32Value(NO_LIST, "a", 1) == TQ_ERR_FAILED);
   CHECK(TQRemoveValue(NO_LIST, "a") == TQ_ERR_FAILED);
@@ -283,6 +320,8 @@ int main(void) {
   HTQPARAMLIST nested = TQCreateParamList();
   SingleValuesComeBack(list, nested);
   ArraysComeBack(list, nested);
+  ListsAreClonedAndCopied(nested);
+  ListsAreDumpedWithAndWithoutTypes();
   CHECK(TQCloseHandle(nested) == TQ_ERR_OK);
   EntriesAreWalkedAndRemoved();
   NullListsAreRefused();

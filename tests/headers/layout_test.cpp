@@ -9,6 +9,7 @@
 #include <cstdint>
 #include <cstring>
 #include <exception>
+#include <iterator>
 #include <string>
 #include <type_traits>
 
@@ -244,6 +245,46 @@ TEST(CountedBase, AsksCheckValidWhetherConstOrNot) {
   EXPECT_TRUE(plain.AskConst());
   EXPECT_FALSE(otherCheck.Ask());
   EXPECT_FALSE(otherCheck.AskConst());
+}
+
+// ---- the list holder ---------------------------------------------------------------------------
+
+TEST(ListHolder, IsOneHandle) {
+  using Holder = TQ::ParamListHolder;
+  EXPECT_EQ(8u, sizeof(Holder));
+  EXPECT_EQ(alignof(_tag_HTQPARAMLIST), alignof(Holder));
+  EXPECT_TRUE(std::is_standard_layout_v<Holder>);
+  EXPECT_FALSE(std::is_polymorphic_v<Holder>);
+  const _tag_HTQPARAMLIST list = TQCreateParamList();
+  const Holder holders[2] = {Holder::FromHandle(list), Holder::FromRefHandle(list)};
+  _tag_HTQPARAMLIST handles[2];
+  std::memcpy(handles, reinterpret_cast<const void*>(holders), sizeof handles);
+  EXPECT_EQ(list.impl, handles[0].impl);
+  EXPECT_EQ(list.impl, handles[1].impl);
+}
+
+TEST(ListHolder, IsPassedThroughMemory) {
+  // It gives a reference back, and so cannot travel in a register as the handle does.
+  EXPECT_FALSE(std::is_trivially_copyable_v<TQ::ParamListHolder>);
+  EXPECT_FALSE(std::is_trivially_destructible_v<TQ::ParamListHolder>);
+}
+
+TEST(ListHolder, TakesHandlesByItsFactoriesAloneAndGivesNoneOut) {
+  EXPECT_FALSE((std::is_constructible_v<TQ::ParamListHolder, _tag_HTQPARAMLIST>));
+  EXPECT_FALSE((std::is_assignable_v<TQ::ParamListHolder&, const _tag_HTQPARAMLIST&>));
+  EXPECT_FALSE((std::is_convertible_v<TQ::ParamListHolder, _tag_HTQPARAMLIST>));
+  EXPECT_FALSE((std::is_convertible_v<TQ::ParamListHolder, bool>));
+}
+
+TEST(ListIterator, IsTheHolderAndTheEntryInThisOrder) {
+  using Iterator = TQ::ParamListHolder::param_iterator;
+  EXPECT_EQ(16u, sizeof(Iterator));
+  EXPECT_EQ(0u, offsetof(Iterator, holder));
+  EXPECT_EQ(8u, offsetof(Iterator, info));
+  EXPECT_TRUE(std::is_trivially_copyable_v<Iterator>);
+  EXPECT_TRUE(std::forward_iterator<Iterator>);
+  EXPECT_TRUE((std::is_base_of_v<std::forward_iterator_tag,
+                                 std::iterator_traits<Iterator>::iterator_category>));
 }
 
 // ---- the application holder --------------------------------------------------------------------
