@@ -5,8 +5,11 @@
 #include <atomic>
 #include <cstdlib>
 #include <exception>
+#include <iostream>
+#include <iterator>
 #include <optional>
-#include <ostream>
+#include <sstream>
+#include <streambuf>
 #include <string>
 #include <system_error>
 #include <thread>
@@ -48,7 +51,20 @@ constexpr char UNKNOWN_TYPE = 'z';
 // A binary, the length of which is made of the same bytes.
 constexpr char TYPE_OF_A_BINARY = '\x05';
 
-// Every way in which a host's call walks over the whole list.
+// Puts the standard error stream's output into another buffer for a scope.
+class ErrorStreamInto final {
+ public:
+  explicit ErrorStreamInto(std::streambuf* buffer) : former(std::cerr.rdbuf(buffer)) {}
+  ~ErrorStreamInto() { std::cerr.rdbuf(former); }
+  ErrorStreamInto(const ErrorStreamInto&) = delete;
+  ErrorStreamInto& operator=(const ErrorStreamInto&) = delete;
+
+ private:
+  std::streambuf* const former;
+};
+
+// Every way in which a host's call walks over the whole list, but for the clone, which loses
+// memory.
 struct Walk {
   const char* name;
   void (*run)(_tag_HTQPARAMLIST list);
@@ -75,6 +91,37 @@ INSTANTIATE_TEST_SUITE_P(
                while (entry != nullptr) entry = TQGetNextParam(list, entry);
              }},
         Walk{"Index", [](_tag_HTQPARAMLIST list) { (void)TQParamByIndex(list, 5); }},
+        Walk{"Copy",
+             [](_tag_HTQPARAMLIST list) {
+               auto target = ParamListHolder::FromRefHandle(TQCreateParamList());
+               auto source = ParamListHolder::FromHandle(list);
+               (void)target.CopyDataFrom(source);
+             }},
+        Walk{"HoldersIteration",
+             [](_tag_HTQPARAMLIST list) {
+               const auto holder = ParamListHolder::FromHandle(list);
+               (void)std::distance(holder.begin(), holder.end());
+             }},
+        Walk{"HoldersGetter",
+             [](_tag_HTQPARAMLIST list) {
+               (void)ParamListHolder::FromHandle(list).GetHandle("absent", 0);
+             }},
+        Walk{"DumpIntoMemory",
+             [](_tag_HTQPARAMLIST list) {
+               char text[100];
+               PrintHandleInfoToBuffer(list, true, text, sizeof text);
+             }},
+        Walk{"DumpToAStream",
+             [](_tag_HTQPARAMLIST list) {
+               std::ostringstream stream;
+               PrintHandleInfoRecurse(stream, list, true, 0);
+             }},
+        Walk{"DumpOnTheErrorStream",
+             [](_tag_HTQPARAMLIST list) {
+               std::ostringstream stream;
+               const ErrorStreamInto redirected(stream.rdbuf());
+               PrintHandleInfo(list, true);
+             }},
         Walk{"CallWithFlow",
              [](_tag_HTQPARAMLIST list) { (void)TQCallWithFlow(1, "nowhere:1/nobody", 1, list); }},
         Walk{"NotifyWithFlow",
@@ -143,6 +190,31 @@ TEST(Exceptions, CanBeKeptAndRaisedAgainOnAnotherThread) {
     }
   }).join();
   EXPECT_TRUE(caught);
+}
+
+TQ_TEST_ROLE(cloneADamagedList) {
+  for (const char typeByte : {UNKNOWN_TYPE, TYPE_OF_A_BINARY}) {
+    const UnreadableList list(typeByte);
+    try {
+      (void)TQCloneHandle(list.handle);
+      Say("cloned");
+    } catch (const DataDamaged&) {
+      Say("DataDamaged");
+    } catch (const NoDataExeption&) {
+      Say("NoDataExeption");
+    }
+  }
+  Say("left " + std::to_string(DEBUG_TQObjectCount().paramLists));
+  return AwaitCommand("never") ? 0 : 1;
+}
+
+TEST(Exceptions, OfACloneReachTheHostAndCostItTheNewList) {
+  ChildProcess child("cloneADamagedList");
+  EXPECT_TRUE(child.ExpectLine("DataDamaged"));
+  EXPECT_TRUE(child.ExpectLine("NoDataExeption"));
+  EXPECT_TRUE(child.ExpectLine("left 2"));
+  // Without the checks at an orderly end: the lost lists are what a checker of leaks looks for.
+  child.Kill();
 }
 
 // ---- in a slot ---------------------------------------------------------------------------------
@@ -280,6 +352,33 @@ TEST(HostsExceptions, OfAnEmittersCallbackPassThroughTheLibrary) {
   EXPECT_THROW((void)TQEmit("ticks", {nullptr}, raise, nullptr), HostsOwn);
   EXPECT_EQ(TQEmit("ticks", {nullptr}, &Ignore, nullptr), TQ_ERR_OK) << "no lock is left behind";
   EXPECT_EQ(TQUnregisterSignal("ticks"), TQ_ERR_OK);
+}
+
+// A host's stream whose buffer fails.
+class FailingBuffer final : public std::streambuf {
+ protected:
+  int_type overflow(int_type) override { throw HostsOwn(); }
+  std::streamsize xsputn(const char*, std::streamsize) override { throw HostsOwn(); }
+};
+
+TEST(HostsExceptions, OfAStreamPassThroughADump) {
+  FailingBuffer buffer;
+  std::ostream stream(&buffer);
+  stream.exceptions(std::ios::badbit);
+  const UnreadableList dumped(UNKNOWN_TYPE);
+  EXPECT_THROW(PrintHandleInfoRecurse(stream, dumped.handle, true, 0), HostsOwn);
+
+  {
+    const ErrorStreamInto redirected(&buffer);
+    std::cerr.exceptions(std::ios::badbit);
+    EXPECT_THROW(PrintHandleInfo({nullptr}, true), HostsOwn);
+    std::cerr.exceptions(std::ios::goodbit);
+    std::cerr.clear();
+  }
+  std::ostringstream kept;
+  const ErrorStreamInto redirected(kept.rdbuf());
+  PrintHandleInfo({nullptr}, true);
+  EXPECT_EQ(kept.str().substr(0, 5), "=====") << "no lock is left behind";
 }
 
 }  // namespace
