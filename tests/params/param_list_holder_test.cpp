@@ -100,8 +100,10 @@ TEST(EmptyHolder, GivesNoArraysAndNoElements) {
   const Holder holder;
   EXPECT_EQ(holder.GetStringArray("a", nullptr, 5, 0), 0u);
   EXPECT_EQ(holder.GetBinaryArray("a", nullptr, 5, 0), 0u);
-  EXPECT_EQ(holder.GetInt32Array("a").values, nullptr);
-  EXPECT_EQ(holder.GetInt64Array("a").values, nullptr);
+  const _tag_TQDWORDARRAY dwords = holder.GetInt32Array("a");
+  EXPECT_TRUE(dwords.count == 0 && dwords.values == nullptr);
+  const _tag_TQQWORDARRAY qwords = holder.GetInt64Array("a");
+  EXPECT_TRUE(qwords.count == 0 && qwords.values == nullptr);
   EXPECT_EQ(holder.GetHandleArray("a", static_cast<_tag_HTQPARAMLIST*>(nullptr), 5, 0), 0u);
   EXPECT_EQ(holder.GetHandleArray("a", static_cast<Holder*>(nullptr), 5, 0), 0u);
   EXPECT_EQ(holder.GetString("a", 0), nullptr);
