@@ -38,6 +38,7 @@ TEST(ListHolder, OwnsAListOfTheLibrary) {
   {
     const ParamListHolder order = Order();
     EXPECT_EQ(ListsAlive(), 3u);
+    // NOLINTNEXTLINE(performance-unnecessary-copy-initialization): counts a reference
     const ParamListHolder shared = order;
     EXPECT_EQ(ListsAlive(), 3u);
     EXPECT_EQ(shared.GetHandle("positions", 1).GetInt32("count"), 13u);

@@ -193,7 +193,8 @@ TEST(ParamListHolder, MovedIntoANewOneIsEmpty) {
   FastHolderImpl* const list = ListOf(source);
   const Holder target(std::move(source));
   EXPECT_EQ(ListOf(target), list);
-  EXPECT_TRUE(!source);  // NOLINT(bugprone-use-after-move): that is the question
+  // NOLINTNEXTLINE(bugprone-use-after-move,clang-analyzer-cplusplus.Move): that is the question
+  EXPECT_TRUE(!source);
   EXPECT_EQ(ListsAlive(), 1u);
 }
 
@@ -834,7 +835,7 @@ TEST(ParamIterator, StepsBeforeAndBehind) {
 
 TEST(ParamIterator, ComparesTheEntryAlone) {
   const Holder a = ReceivedHolder(RawList().Int32("a", 1));
-  const Holder same = a;
+  const Holder same = a;  // NOLINT(performance-unnecessary-copy-initialization): of one list
   const Holder other = ReceivedHolder(RawList().Int32("a", 1));
   EXPECT_TRUE(a.begin() == same.begin());
   EXPECT_FALSE(a.begin() != same.begin());
@@ -885,6 +886,7 @@ TEST(ParamListHolder, MayBeReadFromManyThreads) {
     threads.emplace_back([&holder, &failure] {
       for (int round = 0; round < 300; ++round) {
         if (NamesIn(holder).size() != 10) ++failure;
+        // NOLINTNEXTLINE(performance-unnecessary-copy-initialization): counts a reference
         const Holder shared = holder;
         if (shared.GetHandle("handles", 1).GetInt32("n") != 12) ++failure;
       }
