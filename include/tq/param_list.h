@@ -31,7 +31,8 @@
 /// list values that name no list (they read as null). In an array of strings or binaries only the
 /// last offset has been looked at: from a peer that is not trusted the other pointers that
 /// TQGetStringArray and TQGetBinaryArray return may point anywhere. The walk steps over names
-/// without reading them, so the name of such a peer's entry may lack its NUL.
+/// without reading them, so the name of such a peer's entry may lack its NUL. Its entries need not
+/// stand at multiples of 4, and then the values of an array of numbers do not either.
 ///
 /// Threads. A list has no lock; only its reference count may be used from several threads at once.
 /// Any number of threads may read a list together, but a store or a removal needs it alone. A list
