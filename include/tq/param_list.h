@@ -275,8 +275,7 @@ TQ_API _tag_TQ_ERROR TQRemoveAllValues(_tag_HTQPARAMLIST list);
 ///
 /// @return a handle with one reference, owned by the caller; the null handle for null, or if there
 ///         is no memory for the list.
-/// Throws DataDamaged or NoDataExeption for a damaged list, which here is also a peer's list whose
-/// block does not end on a multiple of 4 bytes; the memory of the new list is then lost.
+/// Throws DataDamaged or NoDataExeption for a damaged list; the memory of the new one is then lost.
 TQ_API _tag_HTQPARAMLIST TQCloneHandle(_tag_HTQPARAMLIST source);
 
 /// Stores every value of `source` in `destination` under its name. A value that had the name there

@@ -7,6 +7,7 @@
 #include <tq/param_list.h>
 
 #include <cstdint>
+#include <cstring>
 #include <vector>
 
 using namespace TQ::detail;
@@ -116,7 +117,9 @@ void StoreValueOf(FastHolderImpl& target, const FastHolderImpl& source,
 ListRef FastHolderImpl::Clone() const {
   ListRef clone = Create();
   if (!clone) return clone;
-  clone->AppendAligned(data, size);
+  // To the byte: a list from a peer may end anywhere, and filling bytes would be read as an entry.
+  if (size != 0) std::memcpy(clone->Grow(size), data, size);
+  clone->size = size;
   clone->handles.CopyFrom(handles);
   // Intended: nobody holds the new list while its entries are counted. A damaged block raises only
   // there, and the list is lost.

@@ -269,6 +269,15 @@ TEST(HostileBlock, ATextWithoutAnEndIsNoData) {
             Outcome::NO_DATA);
 }
 
+TEST(HostileBlock, ABlockMayEndAnywhereAndHasATwinThatEndsThere) {
+  const OwnedList list = ReceivedList(RawList().Raw(FromHex("02 61 02 07 00 00 00")));
+  ASSERT_EQ(TQGetHandleSize(list), 7u);
+  const OwnedList clone(TQCloneHandle(list));
+  EXPECT_EQ(BlockOf(clone), BlockOf(list));
+  EXPECT_EQ(clone.Impl().BlockCapacity(), 7u);
+  EXPECT_EQ(TQGetParamCount(clone), 1u);
+}
+
 TEST(HostileBlock, FillingBytesAreNotLookedAt) {
   const OwnedList list = ListOfBlock(FromHex("07 61 00 aa bb cc dd 01 68 00 ee ff"));
   list.Impl().CountParams();
