@@ -16,16 +16,6 @@ namespace {
 
 constexpr _tag_HTQPARAMLIST NO_LIST = {nullptr};
 
-/// The views are packed, and an expectation binds references, which a packed field cannot have.
-template <typename Value>
-struct View {
-  uint32_t count;
-  const Value* values;
-};
-
-View<uint32_t> Unpacked(const _tag_TQDWORDARRAY& packed) { return {packed.count, packed.values}; }
-View<uint64_t> Unpacked(const _tag_TQQWORDARRAY& packed) { return {packed.count, packed.values}; }
-
 /// A list with one value of every type, under the type's name.
 OwnedList ListOfAllTypes() {
   OwnedList list;

@@ -98,6 +98,20 @@ inline std::vector<std::string> NamesOf(_tag_HTQPARAMLIST list) {
   return names;
 }
 
+/// The views are packed, and an expectation binds references, which a packed field cannot have.
+template <typename Value>
+struct View {
+  uint32_t count;
+  const Value* values;
+};
+
+inline View<uint32_t> Unpacked(const _tag_TQDWORDARRAY& packed) {
+  return {packed.count, packed.values};
+}
+inline View<uint64_t> Unpacked(const _tag_TQQWORDARRAY& packed) {
+  return {packed.count, packed.values};
+}
+
 /// Lists alive in this process.
 inline uint32_t ListsAlive() { return DEBUG_TQObjectCount().paramLists; }
 
