@@ -71,6 +71,9 @@ class TQ_API ParamListHolder {
   /// Shares the list.
   ParamListHolder(const ParamListHolder& other);
 
+  // No function here is noexcept, since exceptions of the library pass through all of them.
+  // NOLINTBEGIN(performance-noexcept-move-constructor)
+
   /// Takes the list over; `other` is empty after it.
   ParamListHolder(ParamListHolder&& other);
 
@@ -82,6 +85,8 @@ class TQ_API ParamListHolder {
 
   /// Exchanges the two lists: the former one is not given back but goes to `other`.
   ParamListHolder& operator=(ParamListHolder&& other);
+
+  // NOLINTEND(performance-noexcept-move-constructor)
 
   void swap(ParamListHolder& other);
   static void swap(ParamListHolder& a, ParamListHolder& b);

@@ -7,6 +7,7 @@ namespace TQ::test {
 
 Transport CurrentTransport() {
   static const Transport transport = [] {
+    // NOLINTNEXTLINE(concurrency-mt-unsafe): nobody changes the environment
     const char* name = std::getenv("TQ_TEST_TRANSPORT");
     return name != nullptr && std::string(name) == "pipe" ? Transport::PIPE : Transport::TCP;
   }();
