@@ -10,6 +10,7 @@
 #include <map>
 #include <set>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "frame/settings.h"
@@ -220,34 +221,38 @@ TEST(WireFormat, PipesAreFoundWhereTheDocumentSays) {
   EXPECT_EQ(AddressOfPipe(PathOf(std::string(200, 'a') + "_in")), examples.at("pipe-address-long"));
 }
 
+/// Both ends of a pipe.
+struct OpenedPipe {
+  platform::PipeEnd opened;
+  platform::PipeEnd accepted;
+};
+
 /// Opens the pipe while the test accepts it.
-platform::PipeEnd OpenAccepted(const std::string& name, const platform::PipeEnd* companion) {
+OpenedPipe OpenAccepted(const std::string& name, const platform::PipeEnd* companion) {
   namespace peer = TQ::test::platform;
   const peer::Handle listener = peer::ListenPipe(name);
   EXPECT_NE(listener, peer::NO_HANDLE);
   auto opened = std::async(std::launch::async, [&] {
     return platform::OpenPipeEnd(PathOf(name), platform::PipeAccess::WRITE, companion);
   });
-  const peer::Handle accepted = peer::AcceptPipe(listener, TQ::test::DEFAULT_DEADLINE);
-  EXPECT_NE(accepted, peer::NO_HANDLE);
-  platform::PipeEnd end = opened.get();
-  peer::CloseSocket(accepted);
+  platform::PipeEnd accepted(peer::AcceptPipe(listener, TQ::test::DEFAULT_DEADLINE));
+  EXPECT_TRUE(accepted.IsOpen());
   peer::CloseSocket(listener);
-  return end;
+  return {opened.get(), std::move(accepted)};
 }
 
 TEST(WireFormat, TheConnectingSidesSocketsHaveTheAddressesOfTheDocument) {
   namespace peer = TQ::test::platform;
   const std::string name = "tq-docs-" + std::to_string(peer::ProcessId());
-  const platform::PipeEnd first = OpenAccepted(name + "_in", nullptr);
-  const Bytes firstAddress = peer::PipeAddress(first.Handle());
+  const OpenedPipe first = OpenAccepted(name + "_in", nullptr);
+  const Bytes firstAddress = peer::PipeAddress(first.opened.Handle());
   ASSERT_EQ(firstAddress.size(), 6U);
 
   // The document's example with the digits that the system has chosen here.
   Bytes expected = ReadExamples().at("pipe-companion");
   std::copy(firstAddress.begin() + 1, firstAddress.end(), expected.end() - 5);
-  const platform::PipeEnd second = OpenAccepted(name + "_out", &first);
-  EXPECT_EQ(peer::PipeAddress(second.Handle()), expected);
+  const OpenedPipe second = OpenAccepted(name + "_out", &first.opened);
+  EXPECT_EQ(peer::PipeAddress(second.opened.Handle()), expected);
 }
 
 }  // namespace

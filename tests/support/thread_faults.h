@@ -22,6 +22,7 @@ inline std::atomic<int> g_threadsLeft{-1};
 
 }  // namespace TQ::test
 
+// NOLINTNEXTLINE(misc-definitions-in-headers): one source of an executable includes it, see above
 extern "C" int pthread_create(pthread_t* thread, const pthread_attr_t* attributes,
                               void* (*body)(void*), void* argument) noexcept {
   using Create = int (*)(pthread_t*, const pthread_attr_t*, void* (*)(void*), void*);
