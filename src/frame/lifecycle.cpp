@@ -147,10 +147,12 @@ _tag_TQ_ERROR TQShutdown() {
   if (initCount.fetch_sub(1) != 1) return TQ_ERR_OK;
   // A session's sending thread may see the stop before this function comes to the session, and then
   // takes the name away. Its receiving thread is joined all the same, by the reference from here.
-  // Nobody joins that of a session that had lost its name before, or of one that the listener
-  // admits from here on and whose sending thread is quicker: it ends by itself, within a wait.
+  // Nobody joins that of a session that had lost its name before: it ends by itself, over a pipe
+  // when its peer closes or sends and over a socket within a wait.
   std::vector<SessionRef> connected = g_applications.All();
   stopAll.store(1, std::memory_order_relaxed);
+  // One that was admitted meanwhile has seen no stop yet. The ones admitted from here on see it.
+  for (SessionRef& session : g_applications.All()) connected.push_back(std::move(session));
   OpenListenerGates();
   // A join of the calling thread raises std::system_error, which is the host's to see.
   JoinIfHeld(pipeListenerThread);

@@ -109,8 +109,9 @@ constexpr uint32_t PIPE_OPEN_LIMIT_MS = 10000;
 
 // ---- transfers ---------------------------------------------------------------------------------
 
-/// Starts to read at most `length` bytes. What comes after the start is put into `buffer` at the
-/// latest by FinishPipeRead, and never after CancelPipeOperation has returned.
+/// Starts to read at most `length` bytes. What comes is put into `buffer` at the latest by
+/// FinishPipeRead, and never after CancelPipeOperation has returned. Where the system goes on
+/// writing after a cancel, it reads into memory of the event's own.
 PipeStatus StartPipeRead(const PipeEnd& pipe, PipeEvent& event, void* buffer, uint32_t length);
 
 /// Waits for the end of the operation under way.

@@ -27,8 +27,8 @@ struct ITransportChannel : public MTObjects::MTReferencedTypeBase {
   bool CheckValid() const override = 0;
 
   /// Reads exactly `length` bytes: `length`, or -1. While the byte at `stopFlag` is zero the read
-  /// waits for as long as it takes; another thread may set it at any time. A null flag counts as a
-  /// set one.
+  /// waits for as long as it takes; another thread may set it at any time. A null flag
+  /// stands for the form without one.
   virtual int32_t Receive(void* buffer, uint32_t length, const TQ::detail::StopFlag* stopFlag) = 0;
 
   /// The same within the channel's time limit.

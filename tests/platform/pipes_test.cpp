@@ -610,6 +610,42 @@ TEST(OpenPipeEnd, GrantIsNoPartOfTheStream) {
   platform::CloseSocket(listener);
 }
 
+// The accepting side may take the peer at the moment at which that gives up. It would wait for the
+// second pipe of a peer that is not coming.
+TEST(OpenPipeEnd, GrantThatComesAsTheWaitEndsCounts) {
+  const std::string name = FreshName();
+  const platform::Handle listener = platform::ListenPipe(name);
+  platform::Handle accepted = platform::NO_HANDLE;
+  BeforePoll([&] {
+    if (accepted == platform::NO_HANDLE) accepted = platform::AcceptPipe(listener, SHORT);
+  });
+  FailCalls(SystemCall::POLL, 1);  // as if the time had run out
+  const SocketCount sockets;
+  const PipeEnd opened = Open(name);
+  EXPECT_EQ(sockets.Made(), 1);
+  ASSERT_TRUE(opened.IsOpen());
+  BeforePoll(nullptr);
+  EXPECT_TRUE(Write(opened, Pattern(10)));
+  RawPeer peer(accepted);
+  EXPECT_EQ(peer.ReceiveExactly(10), Pattern(10));
+  platform::CloseSocket(listener);
+}
+
+TEST(OpenPipeEnd, PeerThatHasGivenUpIsNotTaken) {
+  const std::string name = FreshName();
+  const platform::Handle listener = platform::ListenPipe(name);
+  FailCalls(SystemCall::POLL, 1);
+  Running<PipeEnd> opener([&] { return Open(name); });
+  ASSERT_TRUE(WaitUntil([&] { return FailedCalls(SystemCall::POLL) == 1; }));
+  // The attempt that gave up is passed over, and the next one is taken.
+  RawPeer peer(platform::AcceptPipe(listener, DEFAULT_DEADLINE));
+  const PipeEnd opened = opener.Take();
+  ASSERT_TRUE(opened.IsOpen());
+  EXPECT_TRUE(Write(opened, Pattern(10)));
+  EXPECT_EQ(peer.ReceiveExactly(10), Pattern(10));
+  platform::CloseSocket(listener);
+}
+
 TEST(OpenPipeEnd, SecondPipeFailsAtOnceWhenTheFirstHasHungUp) {
   Pipe first;
   first.accepted.Close();
@@ -705,6 +741,27 @@ TEST(PipeUsers, PeerOfAnotherUserIsPassedOverAsIfNobodyHadCome) {
   Running<PipeEnd> opener([&] { return Open(name); });
   EXPECT_EQ(door::WaitPipeEvent(event, 20000), PipeWait::SIGNALLED);
   EXPECT_TRUE(opener.Take().IsOpen());
+}
+
+TEST(PipeUsers, StrangersThatComeWithoutEndDoNotProlongTheWait) {
+  const std::string name = FreshName();
+  PipeEnd pipe = Create(name);
+  PeersBelongTo(OtherUser(), 1000000);
+  std::atomic<bool> over{false};
+  std::thread stranger([&] {
+    while (!over) {
+      platform::CloseSocket(
+          platform::OpenPipe(name, platform::NO_HANDLE, std::chrono::milliseconds{0}));
+    }
+  });
+  // Each wait finds the next stranger in the queue.
+  BeforePoll([&] { (void)WaitUntil([&] { return over || HasWaitingPeer(pipe.Handle()); }); });
+  PipeEvent event;
+  EXPECT_EQ(door::StartPipeConnect(pipe, event), PipeStatus::PENDING);
+  EXPECT_EQ(door::WaitPipeEvent(event, 100), PipeWait::TIMED_OUT);
+  over = true;
+  stranger.join();
+  BeforePoll(nullptr);
 }
 
 TEST(PipeUsers, PeerWhoseUserCannotBeToldIsPassedOver) {

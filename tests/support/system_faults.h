@@ -120,11 +120,11 @@ inline int Poll(pollfd* entries, nfds_t count, const timespec* limit, const sigs
     g_pollLimits.push_back(
         limit == nullptr ? -1 : int64_t{limit->tv_sec} * 1000000 + limit->tv_nsec / 1000);
   }
-  if (Fails(SystemCall::POLL)) {
-    return -1;
-  }
   if (g_beforePoll) {
     g_beforePoll();
+  }
+  if (Fails(SystemCall::POLL)) {
+    return -1;
   }
   static auto* const next = Next<int(pollfd*, nfds_t, const timespec*, const sigset_t*)>("ppoll");
   return next(entries, count, limit, mask);

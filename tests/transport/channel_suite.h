@@ -254,6 +254,14 @@ TYPED_TEST_P(TransportChannel, ReceiveWithoutAFlagGivesASilentPeerUp) {
   EXPECT_GE(ElapsedMs(start), TypeParam::SilenceMs(2000));
 }
 
+TYPED_TEST_P(TransportChannel, ReceiveWithANullFlagIsTheFormWithoutOne) {
+  SetLimits(2000);
+  Bytes buffer(4);
+  const auto start = std::chrono::steady_clock::now();
+  EXPECT_EQ(this->Channel().Receive(buffer.data(), 4, nullptr), -1);
+  EXPECT_GE(ElapsedMs(start), TypeParam::SilenceMs(2000));
+}
+
 TYPED_TEST_P(TransportChannel, WakeupInterruptsNeitherReadNorWrite) {
   const typename TestFixture::StopFlag live{0};
   typename TestFixture::Reader reader(this->Channel(), 4, &live);
@@ -327,8 +335,9 @@ REGISTER_TYPED_TEST_SUITE_P(
     PeersCloseEndsAReadThatWaits, SendToAPeerThatIsGoneFailsInTheEnd,
     ReceiveOfALiveSessionWaitsBeyondEveryLimit, ReceiveWithASetFlagTakesWhatIsThere,
     FlagThatIsSetDuringTheWaitEndsTheRead, ReceiveWithoutAFlagGivesASilentPeerUp,
-    WakeupInterruptsNeitherReadNorWrite, WaitForDataIsPositiveAndLeavesTheData,
-    WaitForDataIsPositiveForAClosedPeer, AddressTextsStayWhenThePeerIsGone,
-    PeerSeesTheCloseWhenTheLastReferenceHasGone, HostSignalsNeitherEndAReadNorAWrite);
+    ReceiveWithANullFlagIsTheFormWithoutOne, WakeupInterruptsNeitherReadNorWrite,
+    WaitForDataIsPositiveAndLeavesTheData, WaitForDataIsPositiveForAClosedPeer,
+    AddressTextsStayWhenThePeerIsGone, PeerSeesTheCloseWhenTheLastReferenceHasGone,
+    HostSignalsNeitherEndAReadNorAWrite);
 
 }  // namespace TQ::test

@@ -120,26 +120,27 @@ bool Grant(int socket) {
   return Uninterrupted([&] { return ::send(socket, &GRANT, 1, MSG_NOSIGNAL); }) == 1;
 }
 
-/// Takes the next peer that is there and makes `listener` its stream, which closes the name. Peers
-/// that may not come in, or have gone again, are passed over. PENDING when nobody is there.
+/// Takes the next peer and makes `listener` its stream, which closes the name. PENDING when nobody
+/// is there, or one that may not come in or has gone again: that one is passed over.
 PipeStatus Admit(int listener, int companion) {
-  for (;;) {
-    const int peer =
-        Uninterrupted([&] { return ::accept4(listener, nullptr, nullptr, SOCK_CLOEXEC); });
-    if (peer < 0) return errno == EAGAIN ? PipeStatus::PENDING : PipeStatus::FAILED;
-    const bool welcome =
-        MayTalkTo(peer) && (companion < 0 || IsCompanionOf(peer, companion)) && Grant(peer);
-    const bool failed =
-        welcome && Uninterrupted([&] { return ::dup3(peer, listener, O_CLOEXEC); }) < 0;
-    (void)::close(peer);
-    if (welcome) return failed ? PipeStatus::FAILED : PipeStatus::DONE;
-  }
+  const int peer =
+      Uninterrupted([&] { return ::accept4(listener, nullptr, nullptr, SOCK_CLOEXEC); });
+  if (peer < 0) return errno == EAGAIN ? PipeStatus::PENDING : PipeStatus::FAILED;
+  const bool welcome =
+      MayTalkTo(peer) && (companion < 0 || IsCompanionOf(peer, companion)) && Grant(peer);
+  const bool failed =
+      welcome && Uninterrupted([&] { return ::dup3(peer, listener, O_CLOEXEC); }) < 0;
+  (void)::close(peer);
+  if (!welcome) return PipeStatus::PENDING;
+  return failed ? PipeStatus::FAILED : PipeStatus::DONE;
 }
 
 PipeStatus AwaitPeer(int listener, int companion, const Deadline& deadline) {
   for (;;) {
     const PipeStatus status = Admit(listener, companion);
     if (status != PipeStatus::PENDING) return status;
+    // Asked for here, too: strangers that come without end do not prolong the wait.
+    if (deadline.HasPassed()) return PipeStatus::PENDING;
     const PipeWait wait = AwaitReadable(listener, deadline);
     if (wait == PipeWait::FAILED) return PipeStatus::FAILED;
     if (wait == PipeWait::TIMED_OUT) return PipeStatus::PENDING;
@@ -147,6 +148,11 @@ PipeStatus AwaitPeer(int listener, int companion, const Deadline& deadline) {
 }
 
 // ---- the connecting side -----------------------------------------------------------------------
+
+bool TakeGrant(int socket) {
+  char grant = 0;
+  return Uninterrupted([&] { return ::recv(socket, &grant, 1, 0); }) == 1;
+}
 
 /// False at once when the other pipe of the connection hangs up: the name may have another owner by
 /// then, whose queue this one stands in for nothing.
@@ -157,8 +163,13 @@ bool AwaitGrant(int socket, const PipeEnd* companion, const Deadline& deadline) 
     timespec storage{};
     return ::ppoll(entries, std::size(entries), deadline.Remaining(&storage), nullptr);
   });
-  char grant = 0;
-  return ready > 0 && Uninterrupted([&] { return ::recv(socket, &grant, 1, 0); }) == 1;
+  if (ready > 0 && TakeGrant(socket)) return true;
+  if (companion != nullptr) return false;
+  // The accepting side that has granted the first pipe waits for the second one for good, so
+  // whoever gives up makes sure that it was not taken: no grant arrives behind this, and the pipe
+  // is only written.
+  (void)::shutdown(socket, SHUT_RD);
+  return TakeGrant(socket);
 }
 
 /// One attempt: a blocking stream, or -1.
