@@ -47,14 +47,14 @@
 /// Unloading. A process that unloads the library, or ends, without having called its last
 /// TQShutdown is terminated (std::terminate). After TQShutdown the last sending threads still run
 /// for a moment: they complete requests as cancelled, and they log. A receiving thread may, too,
-/// until its wait of five seconds or its read of a frame is over, and then calls the disconnect
-/// listener, if its session was out of reach when the stop came: another session had taken its name
-/// over, or a call to it could not be written, or it was admitted in the middle of the stop. A host
-/// that unloads the library, or takes down what its callbacks use, waits until `sessions` of
-/// DEBUG_TQObjectCount is 0 and until no thread of the library is left in the process. That count
-/// never falls to 0 again where a session is kept: by requests that were unanswered at its end, or
-/// by messages that were left in a queue, as <tq/messaging.h> tells. The library should then stay
-/// loaded.
+/// until its wait of five seconds or its read of a frame is over, over pipes only when the peer
+/// closes or sends, and then calls the disconnect listener, if its session was out of reach when
+/// the stop came: another session had taken its name over, or a call to it could not be written, or
+/// it was admitted in the middle of the stop. A host that unloads the library, or takes down what
+/// its callbacks use, waits until `sessions` of DEBUG_TQObjectCount is 0 and until no thread of the
+/// library is left in the process. That count never falls to 0 again where a session is kept: by
+/// requests that were unanswered at its end, or by messages that were left in a queue, as
+/// <tq/messaging.h> tells. The library should then stay loaded.
 #pragma once
 
 #include <tq/export.h>
@@ -91,7 +91,9 @@ extern "C" {
 /// After a last TQShutdown a process may initialise again, but the gates stay open for good: the
 /// listener looks for its address at once, may look before this call has stored it, and then ends
 /// with the log line "Socket connection listener stopped. No socket listeners defined". Whether a
-/// second life listens is therefore left to chance; that it can connect out is not.
+/// second life listens is therefore left to chance; that it can connect out is not. With a pipe it
+/// does listen, but may have looked before the new name was stored: it then takes the name of the
+/// former life, and serves that one to the end of its own.
 TQ_API _tag_TQ_ERROR TQInitialize(const char* name, int32_t port, const _tag_TQLIMITS* limits);
 
 /// As TQInitialize, to listen on the address `host`.
@@ -118,9 +120,9 @@ TQ_API _tag_TQ_ERROR TQInitializeEx(const char* host, const char* name, int32_t 
 /// are there, or that their name is taken; a peer that connects sooner waits for them.
 ///
 /// Each listener admits its peers one at a time: one that connects and stays silent holds up all
-/// others for about half of IO_TIMEOUT_MS at each step, on a pipe for all of it, and one that has
-/// opened only the first of the two pipes without limit. A peer under a name that is connected
-/// already is turned away.
+/// others for about half of IO_TIMEOUT_MS at each step, on a pipe for all of it and anew with each
+/// part that it sends, and one that has opened only the first of the two pipes without limit. A
+/// peer under a name that is connected already is turned away.
 ///
 /// @return TQ_ERR_OK, always. Calling it again changes nothing. Before the first TQInitialize it
 ///         opens the gates too early, with the consequence told at TQInitialize for a second life.
@@ -158,10 +160,12 @@ TQ_API _tag_TQ_ERROR TQStartListeners(void* unused, const char* host, uint16_t p
 /// initialise again nor end in order.
 ///
 /// Blocks until the threads have ended: normally little more than a second, up to IO_TIMEOUT_MS
-/// for each read of a handshake or of a frame that is under way, and as long as a callback runs. A
-/// listener on a pipe to which nobody comes sees the stop only every 10 seconds, and not at all
-/// while a peer has opened only the first of its two pipes. Without limit, too, is the wait for a
-/// write to a pipe whose peer does not read.
+/// for each read of a handshake or of a frame that is under way (over pipes for each part of it
+/// that arrives, and so without a bound for the whole), and as long as a callback runs. A listener
+/// on a pipe to which nobody comes sees the stop only every 10 seconds, and not at all while a peer
+/// has opened only the first of its two pipes. Without limit, too, is the wait for a write to a
+/// pipe whose peer does not read.
+///
 /// Other calls of TQInitialize and TQShutdown wait meanwhile, so a callback on a thread that is
 /// being joined must not make them: that never ends.
 TQ_API _tag_TQ_ERROR TQShutdown(void);
@@ -230,7 +234,8 @@ TQ_API _tag_TQ_ERROR TQSetUnknownConnectListener(TQUnknownConnectListener listen
 /// Callbacks: TQUnknownConnectListener on this thread if the peer's name has no host or no
 /// application part; log lines. Blocks for up to 4.002 s to reach the peer, over pipes for up to
 /// about 20 s (10 for each of the two; on Linux 10 in all where nobody listens), and for the limits
-/// of IO_TIMEOUT_MS at each of the reads and writes of the handshake.
+/// of IO_TIMEOUT_MS at each of the reads and writes of the handshake; over pipes the limit of a
+/// read counts for each part that arrives, and a write has none.
 ///
 /// Two connections under one name that are made at the same moment can both be admitted. The later
 /// one then takes the name over, and when either of them ends the name is gone although the other
@@ -252,8 +257,8 @@ TQ_API _tag_TQ_ERROR TQConnect(const char* host, int32_t port, char* nameOut, ui
 /// the same moment the second waits for the first; let one thread do it.
 ///
 /// Blocks until the receiving thread has ended: briefly if it waits for a frame (over pipes up to a
-/// second), up to IO_TIMEOUT_MS for each read in the middle of one, and as long as a callback on
-/// that thread runs.
+/// second), up to IO_TIMEOUT_MS for each read in the middle of one, over pipes for each part of it
+/// that arrives, and as long as a callback on that thread runs.
 /// Called on that very thread, from one of its callbacks, it does not wait, and the session ends
 /// when the callback has returned. A slot callback may call it too.
 ///
@@ -264,7 +269,8 @@ TQ_API _tag_TQ_ERROR TQConnect(const char* host, int32_t port, char* nameOut, ui
 ///
 /// A session that could not write a call is out of reach: it has lost its name, so this finds it no
 /// more, but goes on reading, and serving what the peer sends, until the peer closes or the library
-/// stops. Its replies are not sent, and with them it is kept to the end of the process.
+/// stops; over pipes it notices that stop only when the peer closes or sends. Its replies are not
+/// sent, and with them it is kept to the end of the process.
 ///
 /// Connecting again at once is not safe. The peer refuses our name until it has noticed the end,
 /// and the old sending thread, when it takes the name away, would take it from the new session.

@@ -38,8 +38,9 @@ void TQAPPImpl::WriteMessages() {
 /// False when a call could not be written, which ends the sending side.
 ///
 /// Intended: and the sending side alone. No stop is asked for: the receiving thread goes on reading
-/// until the channel fails or the library stops, with a session that nobody finds any more. What it
-/// reads is dispatched, and replies stay in a queue that nobody serves, which keeps the session.
+/// until the channel fails or the library stops, which it notices over pipes only when its peer
+/// closes or sends, with a session that nobody finds any more. What it reads is dispatched, and
+/// replies stay in a queue that nobody serves, which keeps the session.
 bool TQAPPImpl::WriteOne(const MessageRef& message) {
   // Taken once: a reply that comes before the request is written must not change what is written.
   const uint32_t kind = message->Kind();

@@ -36,7 +36,8 @@ bool IsCompanionOf(int second, int first);
 
 /// The other side of a connected socket runs under this process's user or as root. It stands for
 /// the default rights of a pipe. Both sides ask, so a name that another user has taken cannot stand
-/// in for a service, not even towards root.
+/// in for a service, not even towards root. Intended: root is welcome there itself and may have
+/// been taken for the peer before it turns away, and that listener then waits for its second pipe.
 bool MayTalkTo(int socket);
 
 }  // namespace TQ::platform
