@@ -64,6 +64,7 @@ inline std::vector<std::chrono::steady_clock::time_point>
     g_failureTimes;  // guarded by g_failureLock
 inline std::mutex g_pollLock;
 inline std::vector<int64_t> g_pollLimits;  // guarded by g_pollLock
+inline std::atomic<int> g_expiredPolls{0};
 inline std::function<void(int)> g_beforeConnect;
 inline std::function<void(int)> g_beforeAccept;
 inline std::function<void()> g_beforePoll;
@@ -127,7 +128,11 @@ inline int Poll(pollfd* entries, nfds_t count, const timespec* limit, const sigs
     return -1;
   }
   static auto* const next = Next<int(pollfd*, nfds_t, const timespec*, const sigset_t*)>("ppoll");
-  return next(entries, count, limit, mask);
+  const int ready = next(entries, count, limit, mask);
+  if (ready == 0) {
+    g_expiredPolls.fetch_add(1);
+  }
+  return ready;
 }
 
 }  // namespace faults
@@ -158,6 +163,9 @@ inline std::vector<int64_t> TakePollLimits() {
   const std::lock_guard guard(faults::g_pollLock);
   return std::exchange(faults::g_pollLimits, {});
 }
+
+/// How many polls have run out their time so far.
+inline int ExpiredPolls() { return faults::g_expiredPolls.load(); }
 
 /// How many sockets this process has asked for so far.
 inline int SocketsMade() { return faults::g_socketsMade.load(); }
