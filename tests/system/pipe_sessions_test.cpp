@@ -9,6 +9,7 @@
 #include <optional>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "frame/settings.h"
@@ -73,37 +74,91 @@ TQ_TEST_ROLE(connectAndCall) {
   return 0;
 }
 
-TEST(ListenersOverPipes, AreJoinedByOneForSocketsWhenAnAddressFollows) {
-  const uint16_t port = FreePort();
-  ListenerRecorder listeners;
-  LogRecorder log;
-  ASSERT_EQ(TQInitializeEx(HostText(port).c_str(), "both", port, nullptr), TQ_ERR_OK);
-  {
-    ScopedSlot slot(ADD_ONE, &AddOne);
-    ASSERT_EQ(TQStartListeners(nullptr, "127.0.0.1", port), TQ_ERR_OK);
-    ASSERT_TRUE(log.WaitForPrefix(TQ_LOG_INFO, "listening for incoming connection on :"));
-    ASSERT_TRUE(log.WaitFor(TQ_LOG_INFO, "ConnThread Pipe Startup"));
-    ChildProcess overPipes("connectAndCall", {"pipes", HostText(port), "0"});
-    EXPECT_TRUE(overPipes.ExpectLine("x=5"));
-    ChildProcess overTcp("connectAndCall", {"sockets", "127.0.0.1", std::to_string(port)});
-    EXPECT_TRUE(overTcp.ExpectLine("x=5"));
-    ASSERT_TRUE(listeners.WaitForConnects(2));
-    const auto connects = listeners.Connects();
-    EXPECT_EQ(connects[0].application, "pipes");
-    EXPECT_EQ(connects[0].localAddress, PipeName(port) + "_in");
-    EXPECT_EQ(connects[0].remoteAddress, PipeName(port) + "_out");
-    EXPECT_EQ(connects[1].application, "sockets");
-    EXPECT_EQ(connects[1].localAddress, "127.0.0.1:" + std::to_string(port));
-    for (ChildProcess* each : {&overPipes, &overTcp}) {
-      each->WriteLine("end");
-      EXPECT_TRUE(each->ExpectSuccess());
-    }
+/// This process with a listener on pipes and one on a port.
+class TwoListeners {
+ public:
+  TwoListeners() {
+    EXPECT_EQ(TQInitializeEx(HostText(port).c_str(), "both", port, nullptr), TQ_ERR_OK);
+    EXPECT_EQ(TQStartListeners(nullptr, "127.0.0.1", port), TQ_ERR_OK);
+    EXPECT_TRUE(log.WaitForPrefix(TQ_LOG_INFO, "listening for incoming connection on :"));
+    EXPECT_TRUE(log.WaitFor(TQ_LOG_INFO, "ConnThread Pipe Startup"));
   }
-  ShutdownWhile([port] {
-    (void)RawPeer::TryConnect(port);
-    platform::CloseSocket(platform::Connect(port, DEFAULT_DEADLINE));
-  });
-  EXPECT_TRUE(SessionHost::WaitForSessions(0));
+
+  ~TwoListeners() {
+    ShutdownWhile([this] {
+      (void)RawPeer::TryConnect(port);
+      platform::CloseSocket(platform::Connect(port, DEFAULT_DEADLINE));
+    });
+    EXPECT_TRUE(SessionHost::WaitForSessions(0));
+  }
+
+  TwoListeners(const TwoListeners&) = delete;
+  TwoListeners& operator=(const TwoListeners&) = delete;
+
+  uint16_t Port() const { return port; }
+
+  /// Connected, without a handshake, and taken by its listener.
+  RawPeer PeerOverPipes() const {
+    auto peer = RawPeer::Connect(port);
+    EXPECT_TRUE(log.WaitFor(TQ_LOG_INFO,
+                            "Outbound pipe " + PipePath(PipeName(port) + "_out") + " connected"));
+    return peer ? std::move(*peer) : RawPeer(platform::NO_HANDLE);
+  }
+  RawPeer PeerOverTcp() const {
+    RawPeer peer(platform::Connect(port, DEFAULT_DEADLINE));
+    EXPECT_TRUE(log.WaitFor(TQ_LOG_INFO, "ConnectionThread. Starting new application"));
+    return peer;
+  }
+
+ private:
+  const uint16_t port = FreePort();
+  LogRecorder log;
+};
+
+TEST(ListenersOverPipes, AreJoinedByOneForSocketsWhenAnAddressFollows) {
+  ListenerRecorder listeners;
+  const TwoListeners library;
+  const uint16_t port = library.Port();
+  ScopedSlot slot(ADD_ONE, &AddOne);
+  ChildProcess overPipes("connectAndCall", {"pipes", HostText(port), "0"});
+  EXPECT_TRUE(overPipes.ExpectLine("x=5"));
+  ChildProcess overTcp("connectAndCall", {"sockets", "127.0.0.1", std::to_string(port)});
+  EXPECT_TRUE(overTcp.ExpectLine("x=5"));
+  ASSERT_TRUE(listeners.WaitForConnects(2));
+  const auto connects = listeners.Connects();
+  EXPECT_EQ(connects[0].application, "pipes");
+  EXPECT_EQ(connects[0].localAddress, PipeName(port) + "_in");
+  EXPECT_EQ(connects[0].remoteAddress, PipeName(port) + "_out");
+  EXPECT_EQ(connects[1].application, "sockets");
+  EXPECT_EQ(connects[1].localAddress, "127.0.0.1:" + std::to_string(port));
+  for (ChildProcess* each : {&overPipes, &overTcp}) {
+    each->WriteLine("end");
+    EXPECT_TRUE(each->ExpectSuccess());
+  }
+}
+
+/// Takes the other peer through its whole handshake and a call while `silent` keeps its listener in
+/// a handshake, which then goes its way, too.
+void ExpectTheOtherIsServedFirst(RawPeer silent, RawPeer other) {
+  ScopedSlot slot(ADD_ONE, &AddOne);
+  for (RawPeer* each : {&other, &silent}) {
+    const HandshakeResult handshake =
+        each->HandshakeAsConnector(each == &other ? "raw.host:1/other" : "raw.host:1/silent");
+    EXPECT_TRUE(handshake.Completed()) << handshake.failure;
+    EXPECT_TRUE(IsServed(*each)) << each->Problem();
+  }
+}
+
+TEST(ListenersOverPipes, ServeAPeerOnThePortDuringAHandshakeOnThePipes) {
+  const TwoListeners library;
+  RawPeer silent = library.PeerOverPipes();
+  ExpectTheOtherIsServedFirst(std::move(silent), library.PeerOverTcp());
+}
+
+TEST(ListenersOverPipes, ServeAPeerOnThePipesDuringAHandshakeOnThePort) {
+  const TwoListeners library;
+  RawPeer silent = library.PeerOverTcp();
+  ExpectTheOtherIsServedFirst(std::move(silent), library.PeerOverPipes());
 }
 
 TEST(ListenersOverPipes, RefuseAPeerAboveTheLimitWithoutAWord) {
