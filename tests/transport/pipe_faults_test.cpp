@@ -2,10 +2,12 @@
 #include <gtest/gtest.h>
 #include <tq/tq.h>
 
+#include <array>
 #include <chrono>
 #include <cstdint>
 #include <cstdio>
 #include <ctime>
+#include <future>
 #include <map>
 #include <memory>
 #include <optional>
@@ -153,6 +155,25 @@ class PipeFaults : public testing::Test {
   const std::string name = PipeName(FreePort());
 };
 
+// ---- names -------------------------------------------------------------------------------------
+
+TEST_F(PipeFaults, NamesThatAreNoFileNamesConnectAllTheSameAndLeaveNoFile) {
+  for (const std::string& each : {name + std::string(200 - name.size(), 'x'), name + "/inner/name",
+                                  name + R"(\inner\\name)"}) {
+    SCOPED_TRACE(each);
+    ChildProcess server("server", {each, "1"});
+    ASSERT_TRUE(server.ExpectLine("starts"));
+    {
+      const ChannelRef channel = ConnectTo(each);
+      ASSERT_TRUE(channel.IsValid());
+      EXPECT_EQ(AskOnce(*channel, 5), 1u);
+      EXPECT_EQ(platform::FilesNamed(name), Texts());
+    }
+    EXPECT_TRUE(server.ExpectLine("answered"));
+    End(server);
+  }
+}
+
 // ---- many peers --------------------------------------------------------------------------------
 
 TEST_F(PipeFaults, NoConnectionOfManyProcessesIsCrossedOrLost) {
@@ -165,7 +186,7 @@ TEST_F(PipeFaults, NoConnectionOfManyProcessesIsCrossedOrLost) {
 
 // ---- a listener that dies ----------------------------------------------------------------------
 
-enum Step { BEFORE_THE_FIRST, BETWEEN_THE_TWO, BEHIND_BOTH, WHILE_IT_SENDS };
+enum Step { BEFORE_THE_FIRST, BEFORE_THE_SECOND, BETWEEN_THE_TWO, BEHIND_BOTH, WHILE_IT_SENDS };
 
 // Stands still at a step of its accept and says so: NAME STEP.
 TQ_TEST_ROLE(stoppedServer) {
@@ -173,8 +194,9 @@ TQ_TEST_ROLE(stoppedServer) {
   const int step = std::stoi(args.at(1));
   BeforeAccept([step, first = -1](int socket) mutable {
     if (first < 0) first = socket;
-    if (step != (socket == first ? BEFORE_THE_FIRST : BETWEEN_THE_TWO)) return;
-    EXPECT_TRUE(WaitUntil([&] { return HasWaitingPeer(socket); }));
+    const bool alone = step == BEFORE_THE_SECOND && socket != first;
+    if (!alone && step != (socket == first ? BEFORE_THE_FIRST : BETWEEN_THE_TWO)) return;
+    EXPECT_TRUE(alone || WaitUntil([&] { return HasWaitingPeer(socket); }));
     Say("stands");
     AwaitCommand(NEVER);
   });
@@ -207,6 +229,10 @@ class DyingListener : public PipeFaults {
     dying.Kill();
     successor.emplace("server", Texts{name, "2"});
     EXPECT_TRUE(dying.Wait());
+    if (step == BEFORE_THE_SECOND) {
+      EXPECT_TRUE(WaitUntil([&] { return platform::WaitingPipes(name).size() == 2; }));
+      secondMayCome.set_value();
+    }
     if (connector.joinable()) connector.join();
     return channel;
   }
@@ -217,17 +243,37 @@ class DyingListener : public PipeFaults {
     EXPECT_EQ(AskOnce(*channel, 77), 2u);
   }
 
+  /// Keeps connects to a second pipe back until the successor waits for them.
+  void HoldTheSecondPipe() {
+    BeforeConnect([this](int socket) {
+      const auto address = platform::PipeAddress(socket);
+      const std::string text(address.begin(), address.end());
+      if (text.find("tq.peer:") == std::string::npos) return;
+      EXPECT_EQ(successorWaits.wait_for(DEFAULT_DEADLINE), std::future_status::ready);
+    });
+  }
+
   ~DyingListener() override {
+    BeforeConnect(nullptr);
     if (successor) End(*successor);
   }
 
   std::optional<ChildProcess> successor;
+  std::promise<void> secondMayCome;
+  const std::shared_future<void> successorWaits{secondMayCome.get_future()};
 };
 
 TEST_F(DyingListener, BeforeItTakesThePeerTheSuccessorGetsIt) {
   const ChannelRef channel = ConnectAndKillAt(BEFORE_THE_FIRST);
   ASSERT_TRUE(channel.IsValid());
   EXPECT_EQ(AskOnce(*channel, 5), 2u);
+}
+
+// The second pipe that it comes to is the successor's, which has not taken it on the first.
+TEST_F(DyingListener, BeforeThePeerComesToTheSecondPipeTheConnectFailsAndTheNextOneWorks) {
+  HoldTheSecondPipe();
+  EXPECT_FALSE(ConnectAndKillAt(BEFORE_THE_SECOND));
+  ExpectTheSuccessorServes();
 }
 
 TEST_F(DyingListener, BetweenTheTwoPipesTheConnectFailsAndTheNextOneWorks) {
@@ -293,6 +339,43 @@ TQ_TEST_ROLE(library) {
   EXPECT_EQ(TQShutdown(), TQ_ERR_OK);
   Say("down");
   return 0;
+}
+
+// Stands still in the handshake with a peer that knows nothing of its authentication block: NAME.
+TQ_TEST_ROLE(libraryInAHandshake) {
+  const Bytes block = Pattern(16);
+  EXPECT_EQ(TQSetAuthenticationInfo(block.data(), 16), TQ_ERR_OK);
+  TQSetAuthFailedListener([](const char*, const char*, const char*) {
+    Say("stands");
+    AwaitCommand(NEVER);
+  });
+  EXPECT_EQ(TQInitializeEx(("\\" + args.at(0)).c_str(), "library", 0, nullptr), TQ_ERR_OK);
+  EXPECT_EQ(TQConnectionReady(), TQ_ERR_OK);
+  Say("listens");
+  (void)WaitUntil([] { return false; }, ROLE_TIME_LIMIT);
+  return 1;
+}
+
+TEST_F(PipeFaults, LibraryThatIsKilledInAHandshakeHasASuccessorAtOnce) {
+  const std::string host = "\\" + name;
+  ASSERT_EQ(TQInitialize("client", 0, nullptr), TQ_ERR_OK);
+  ChildProcess dying("libraryInAHandshake", {name});
+  ASSERT_TRUE(dying.ExpectLine("listens"));
+  _tag_TQ_ERROR broken = TQ_ERR_OK;
+  std::thread connector([&] { broken = TQConnect(host.c_str(), 0, nullptr, 0, nullptr, 0); });
+  EXPECT_TRUE(dying.ExpectLine("stands"));
+  dying.Kill();
+  ChildProcess successor("library", {name});
+  EXPECT_TRUE(successor.ExpectLine("listens"));
+  connector.join();
+  EXPECT_EQ(broken, TQ_ERR_NAME_REJECTED) << "as every close before the last word";
+  EXPECT_TRUE(dying.Wait());
+  std::array<char, 256> peer{};
+  EXPECT_EQ(TQConnect(host.c_str(), 0, peer.data(), peer.size(), nullptr, 0), TQ_ERR_OK);
+  EXPECT_NE(std::string(peer.data()).find(":0/library"), std::string::npos) << peer.data();
+  EXPECT_EQ(TQDisconnect(peer.data()), TQ_ERR_OK);
+  EXPECT_EQ(TQShutdown(), TQ_ERR_OK);
+  End(successor);
 }
 
 // Required: a peer that opens one pipe and not the other keeps a shutdown from its end.
