@@ -19,6 +19,7 @@
 #include "frame/settings.h"
 #include "session/application_registry.h"
 #include "support/bytes.h"
+#include "support/channel_ends.h"
 #include "support/child_process.h"
 #include "support/free_port.h"
 #include "support/host_calls.h"
@@ -772,26 +773,41 @@ TEST_F(OneName, EndsTheOlderSessionInPeaceWhenTheNewerEndsFirst) {
   EXPECT_EQ(TQShutdown(), TQ_ERR_OK);
 }
 
-// ---- over sockets ------------------------------------------------------------------------------
+// ---- with a peer -------------------------------------------------------------------------------
+
+// The two ends of a connection over the transport of the tests.
+struct Connection {
+  ChannelRef channel;
+  RawPeer peer;
+};
+
+template <typename Ends>
+Connection TakeBoth() {
+  Ends ends;
+  return {ends.Ref(), std::move(ends.Far())};
+}
+
+Connection NewConnection() { return OverPipes() ? TakeBoth<PipeEnds>() : TakeBoth<SocketEnds>(); }
 
 // A library session that has admitted a peer of the tests' own.
-struct SocketSession {
-  explicit SocketSession(const std::string& name = PEER_NAME) {
-    std::thread handshake([&] { result = peer.HandshakeAsConnector(name); });
-    admitted = NewSession()->AcceptHandshake(ChannelRef(new SocketChannel(pair.TakeNear())));
+struct PeerSession {
+  explicit PeerSession(Connection connection = NewConnection()) : peer(std::move(connection.peer)) {
+    std::thread handshake([&] { result = peer.HandshakeAsConnector(PEER_NAME); });
+    admitted = NewSession()->AcceptHandshake(connection.channel);
     handshake.join();
   }
 
-  LoopbackPair pair;
-  RawPeer peer = pair.TakeFarAsPeer();
+  RawPeer peer;
   HandshakeResult result;
   bool admitted = false;
 };
 
-TEST_F(Disconnect, FromACompletionCallbackDoesNotJoinItself) {
+class WithAPeer : public AdmittedSessionTest {};
+
+TEST_F(WithAPeer, DisconnectFromACompletionCallbackDoesNotJoinItself) {
   static std::atomic<bool> returned;
   returned = false;
-  SocketSession session;
+  PeerSession session;
   ASSERT_TRUE(session.admitted);
   ASSERT_EQ(TQNotify(
                 PEER_NAME, 3, {},
@@ -810,16 +826,16 @@ TEST_F(Disconnect, FromACompletionCallbackDoesNotJoinItself) {
   EXPECT_EQ(log.CountOf("Local shutdown: \"there:1/peer\" stopped"), 1u);
 }
 
-TEST_F(Disconnect, IsSeenByThePeerAsAClose) {
-  SocketSession session;
+TEST_F(WithAPeer, DisconnectIsSeenByThePeerAsAClose) {
+  PeerSession session;
   ASSERT_TRUE(session.admitted);
   EXPECT_EQ(TQDisconnect(PEER_NAME), TQ_ERR_OK);
   EXPECT_EQ(session.peer.ReceiveUntilClosed(), Bytes());
   EXPECT_FALSE(session.peer.WasReset());
 }
 
-TEST_F(Disconnect, LetsASessionGoWhoseRequestsWereAnswered) {
-  SocketSession session;
+TEST_F(WithAPeer, DisconnectLetsASessionGoWhoseRequestsWereAnswered) {
+  PeerSession session;
   ASSERT_TRUE(session.admitted);
   std::thread caller([] {
     const _tag_HTQPARAMLIST result = TQCall(PEER_NAME, 3, {});
@@ -839,7 +855,7 @@ TEST_F(Disconnect, LetsASessionGoWhoseRequestsWereAnswered) {
 // Ends a session with a request that nobody has answered, and tells what stays of it.
 TQ_TEST_ROLE(endUnanswered) {
   LogRecorder log;
-  SocketSession session;
+  PeerSession session;
   EXPECT_TRUE(session.admitted);
   const int descriptors = OpenDescriptorCount();
   std::thread caller([] { EXPECT_EQ(TQCall(PEER_NAME, 3, {}).impl, nullptr); });
@@ -964,7 +980,7 @@ TEST_F(NoThreads, AtAllMakeTheAcceptingSideThrowToItsCaller) {
 }
 
 TEST_F(NoThreads, LeaveOtherSessionsAlone) {
-  SocketSession other;
+  PeerSession other;
   ASSERT_TRUE(other.admitted);
   EXPECT_EQ(ConnectWithThreads(0), TRY_AGAIN);
   ASSERT_EQ(TQNotify(PEER_NAME, 3, {}, nullptr, nullptr), TQ_ERR_OK);

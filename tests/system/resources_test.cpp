@@ -16,9 +16,12 @@
 #include "session/session.h"
 #include "support/child_process.h"
 #include "support/free_port.h"
+#include "support/host_calls.h"
 #include "support/log_recorder.h"
+#include "support/platform.h"
 #include "support/process_info.h"
 #include "support/raw_peer.h"
+#include "support/transport.h"
 #include "support/wait_until.h"
 
 using namespace TQ::test;
@@ -53,10 +56,20 @@ uint16_t StartHost(const LogRecorder& log) {
   record.size = sizeof record;
   record.MAX_CONNECTIONS = 2000;
   const uint16_t port = FreePort();
-  EXPECT_EQ(TQInitialize("host", port, &record), TQ_ERR_OK);
+  EXPECT_EQ(TQInitializeEx(HostText(port).c_str(), "host", port, &record), TQ_ERR_OK);
   TQConnectionReady();
-  EXPECT_TRUE(log.WaitForPrefix(TQ_LOG_INFO, "listening for incoming connection on :"));
+  EXPECT_TRUE(log.WaitForPrefix(TQ_LOG_INFO, OverPipes()
+                                                 ? "ConnThread Pipe Startup"
+                                                 : "listening for incoming connection on :"));
   return port;
+}
+
+/// What a listener holds that waits for a peer is there.
+bool WaitUntilItListens(uint16_t port) {
+  return !OverPipes() || WaitUntil([&] {
+    return platform::PipeListens(PipeName(port) + "_in") &&
+           platform::PipeListens(PipeName(port) + "_out");
+  });
 }
 
 /// How many sessions the tests of many sessions have.
@@ -102,9 +115,10 @@ TEST(Resources, AnIdleSessionCostsTwoThreadsAndTwoDescriptors) {
   const LogRecorder log;
   const uint16_t port = StartHost(log);
   ChildProcess peers("manyPeers", {std::to_string(port), std::to_string(COUNT)});
-  // The pipe listener has ended by itself by the time the peers are there.
+  // The other listener has ended by itself by the time the peers are there.
   ASSERT_TRUE(peers.ExpectLine("connected"));
   ASSERT_TRUE(WaitUntil([] { return SessionCount() == COUNT; }));
+  ASSERT_TRUE(WaitUntilItListens(port));
   const int threads = ThreadCount();
   const int descriptors = OpenDescriptorCount();
   peers.WriteLine("leave");
@@ -113,7 +127,7 @@ TEST(Resources, AnIdleSessionCostsTwoThreadsAndTwoDescriptors) {
       << threads << " threads with the sessions, " << ThreadCount() << " without";
   EXPECT_TRUE(WaitUntil([&] { return descriptors - OpenDescriptorCount() == 2 * COUNT; }))
       << descriptors << " descriptors with the sessions, " << OpenDescriptorCount() << " without";
-  TQShutdown();
+  ShutdownWhileKnocking(port);
 }
 
 TEST(Resources, ManySessionsOfOneProcessAreServedAtTheSameTime) {
