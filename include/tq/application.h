@@ -91,9 +91,9 @@ extern "C" {
 /// After a last TQShutdown a process may initialise again, but the gates stay open for good: the
 /// listener looks for its address at once, may look before this call has stored it, and then ends
 /// with the log line "Socket connection listener stopped. No socket listeners defined". Whether a
-/// second life listens is therefore left to chance; that it can connect out is not. With a pipe it
-/// does listen, but may have looked before the new name was stored: it then takes the name of the
-/// former life, and serves that one to the end of its own.
+/// second life listens is therefore left to chance; that it can connect out is not. The listener on
+/// a pipe may look too soon as well: it then takes the pipe that was named in the former life and
+/// serves that one to the end of its own, or ends if there was none.
 TQ_API _tag_TQ_ERROR TQInitialize(const char* name, int32_t port, const _tag_TQLIMITS* limits);
 
 /// As TQInitialize, to listen on the address `host`.
