@@ -49,12 +49,13 @@
 /// for a moment: they complete requests as cancelled, and they log. A receiving thread may, too,
 /// until its wait of five seconds or its read of a frame is over, over pipes only when the peer
 /// closes or sends, and then calls the disconnect listener, if its session was out of reach when
-/// the stop came: another session had taken its name over, or a call to it could not be written, or
-/// it was admitted in the middle of the stop. A host that unloads the library, or takes down what
-/// its callbacks use, waits until `sessions` of DEBUG_TQObjectCount is 0 and until no thread of the
-/// library is left in the process. That count never falls to 0 again where a session is kept: by
-/// requests that were unanswered at its end, or by messages that were left in a queue, as
-/// <tq/messaging.h> tells. The library should then stay loaded.
+/// the stop came: another session had taken its name over, or a call to it could not be written.
+/// That of a session that was admitted in the middle of the stop may call the disconnect listener
+/// just behind the return. A host that unloads the library, or takes down what its callbacks use,
+/// waits until `sessions` of DEBUG_TQObjectCount is 0 and until no thread of the library is left in
+/// the process. That count never falls to 0 again where a session is kept: by requests that were
+/// unanswered at its end, or by messages that were left in a queue, as <tq/messaging.h> tells. The
+/// library should then stay loaded.
 #pragma once
 
 #include <tq/export.h>
