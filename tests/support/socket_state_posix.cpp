@@ -56,11 +56,21 @@ bool IsNonBlocking(platform::Handle socket) {
   return (fcntl(Descriptor(socket), F_GETFL) & O_NONBLOCK) != 0;
 }
 
+// These two are asked of every socket that is found open. One that another thread of the process
+// has closed meanwhile is none.
 bool IsStream(platform::Handle socket) {
-  return Option(socket, SOL_SOCKET, SO_TYPE) == SOCK_STREAM;
+  int type = 0;
+  socklen_t size = sizeof type;
+  return getsockopt(Descriptor(socket), SOL_SOCKET, SO_TYPE, &type, &size) == 0 &&
+         type == SOCK_STREAM;
 }
 
-bool IsListening(platform::Handle socket) { return Option(socket, SOL_SOCKET, SO_ACCEPTCONN) != 0; }
+bool IsListening(platform::Handle socket) {
+  int listening = 0;
+  socklen_t size = sizeof listening;
+  return getsockopt(Descriptor(socket), SOL_SOCKET, SO_ACCEPTCONN, &listening, &size) == 0 &&
+         listening != 0;
+}
 
 // Of a listening socket these two fields tell about the queue.
 int ListenBacklog(platform::Handle listener) {
