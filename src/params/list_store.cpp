@@ -48,9 +48,12 @@ class NameToFind {
   /// looked for before `end` only.
   bool IsOf(const uint8_t* entry, const uint8_t* end) const {
     const auto available = static_cast<std::size_t>(end - entry);
-    if (available >= QWORD_SIZE && ((LoadQword(entry) ^ wordWanted) & wordMask) != 0) return false;
+    if (available >= QWORD_SIZE) {
+      if (((LoadQword(entry) ^ wordWanted) & wordMask) != 0) return false;
+      if (sizeWithZero <= IN_WORD) return true;
+    }
     if (available >= NAME_OFFSET + sizeWithZero) {
-      return sizeWithZero <= IN_WORD || std::memcmp(entry + NAME_OFFSET, name, sizeWithZero) == 0;
+      return std::memcmp(entry + NAME_OFFSET, name, sizeWithZero) == 0;
     }
     if (std::memcmp(entry + NAME_OFFSET, name, available - NAME_OFFSET) != 0) return false;
     throw NoData();

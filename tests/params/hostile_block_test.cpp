@@ -194,6 +194,15 @@ TEST(HostileBlock, ANameWithoutAnEndIsNotReadBeyondTheBlock) {
   EXPECT_EQ(TQParamInfo(list, "x"), nullptr);
 }
 
+TEST(HostileBlock, ANameNearTheEndIsComparedToItsEnd) {
+  // Seven bytes, fewer than a word: an empty name in front of a number.
+  const OwnedList list = ListOfBlock(FromHex("02 00 02 07 00 00 00"));
+  EXPECT_EQ(TQParamInfo(list, "z"), nullptr);
+  EXPECT_EQ(TQParamInfo(list, "zz"), nullptr);
+  EXPECT_EQ(TQGetInt32Value(list, "zz"), 0u);
+  EXPECT_EQ(TQGetInt32Value(list, ""), 7u);
+}
+
 TEST(HostileBlock, AnOffsetOfZeroIsNoEndOfTheNameBehindIt) {
   // Behind the cut stand the bytes that would make the second entry's name that of the first.
   const OwnedList list = ListOfBlock(FromHex("03 61 61 02 78 00 00 00  00 61 61 02 78 00 00 00"));
