@@ -20,7 +20,8 @@
 /// Pipes. Further backslashes before the name mean nothing; the rest of it is compared byte for
 /// byte on Linux, upper and lower case told apart. There a name belongs to one process of the
 /// machine (of its network namespace) at a time. A second one that listens under it is not told: it
-/// waits, and may get the name between two peers of the first. Each side asks that the other run
+/// waits, and may get the name between two peers of the first. The two then share the callers, each
+/// of which reaches one or the other. Each side asks that the other run
 /// under its own user or as root, so peers are processes of one user; anyone else finds nobody
 /// there. Root must not try the pipe of another user: that listener lets it in, is turned away
 /// from, and waits for its second pipe for good. Writes to a pipe have no time limit: a peer that

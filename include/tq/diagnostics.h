@@ -74,10 +74,22 @@ TQ_API TQObjectCounts DEBUG_TQObjectCount(void);
 // A list as text: a line with its address, its entries and those of the lists inside it, each level
 // indented by two blanks more, and a closing line. Values stand as name=value, with `withTypes` as
 // name[PT_INT32]=value; an array is a line name=ARRAY with a line for each element below it.
-// Numbers are unsigned, bytes take two hexadecimal places each. The format stays as it is, for
-// those who read it with programs, and this belongs to it: each text and number of an array is
-// followed by an empty line, and behind the bytes of an array numbers are hexadecimal, up to the
-// next single binary or the next dump.
+// Numbers are unsigned, bytes take two hexadecimal places each, the first a blank where it would be
+// 0. The format stays as it is, for those who read it with programs, and this belongs to it: each
+// text and number of an array is followed by an empty line. The first entry of a list in an array
+// stands on the element's line, behind its indentation; an empty line follows the last one, and
+// none a list that is null or empty. Behind the bytes of an array numbers are hexadecimal, up to
+// the next single binary or the next dump. An array of a list with two entries and a null one,
+// and a binary of the bytes 0, 5 and 0xAB:
+//
+//     =====[0x5581c4e0a2b0]
+//     lines=ARRAY
+//       [0]=    item=bolt
+//         count=12
+//
+//       [1]=
+//     key= 0 5ab
+//     =================================
 //
 // A damaged entry throws as in <tq/param_list.h>, with the text up to there written. A list stored
 // in itself is dumped until the stack ends.

@@ -179,6 +179,9 @@ TQ_API _tag_TQ_ERROR TQEmitWithFlow(unsigned flowId, const char* signalName,
 ///
 /// The request is sent and not answered: it has no effect if there is no session of that name or
 /// if the peer has no such signal, and a signal emitted right after the return may still miss us.
+/// The peer serves the request before a TQCall to it that is made after the return: once that call
+/// has brought its reply the subscription is in force, unless the request could not be written and
+/// was dropped, as told under "No time limits".
 /// Subscribing twice brings every emit twice. A subscription ends with the session, with
 /// TQDisconnectSignal, or without a word when the peer registers the signal anew or unregisters
 /// it. After connecting again one has to subscribe again.

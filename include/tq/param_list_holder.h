@@ -16,7 +16,9 @@
 ///     std::printf("%u\n", reply.GetInt32("price"));
 ///
 /// Handles go into a holder and none comes out of it: the handle of a list that flat functions are
-/// to take is kept beside the holder, as above, and is borrowed for as long as that lives.
+/// to take is kept beside the holder, as above, and is borrowed for as long as that lives. A nested
+/// list that is to be dumped or sent is taken with TQGetHandleValue from the handle of the outer
+/// one, and closed with TQCloseHandle; GetHandle gives it as a holder.
 ///
 /// Threads: a holder has no lock. Several threads may use its const members together, as they may
 /// read its list; all other members need both alone.
