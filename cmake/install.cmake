@@ -37,5 +37,12 @@ else()
   set(TQ_PC_INCLUDEDIR "\${prefix}/${CMAKE_INSTALL_INCLUDEDIR}")
   set(TQ_PC_LIBDIR "\${prefix}/${CMAKE_INSTALL_LIBDIR}")
 endif()
+
+# A C host of the static library links the C++ runtime, which its own compiler does not add.
+set(TQ_PC_LIBS ${CMAKE_CXX_IMPLICIT_LINK_LIBRARIES})
+list(REMOVE_ITEM TQ_PC_LIBS ${CMAKE_C_IMPLICIT_LINK_LIBRARIES})
+list(TRANSFORM TQ_PC_LIBS PREPEND "-l")
+list(APPEND TQ_PC_LIBS ${CMAKE_THREAD_LIBS_INIT})
+list(JOIN TQ_PC_LIBS " " TQ_PC_LIBS_PRIVATE)
 configure_file("${CMAKE_CURRENT_LIST_DIR}/tq.pc.in" "${PROJECT_BINARY_DIR}/tq.pc" @ONLY)
 install(FILES "${PROJECT_BINARY_DIR}/tq.pc" DESTINATION "${CMAKE_INSTALL_LIBDIR}/pkgconfig")

@@ -72,6 +72,18 @@ step("${CXX}" -std=c++17 "${CONSUMER}/round_trip.cpp" -o "${WORK}/plain_cxx17" $
 step("${CXX}" -std=c++20 "${CONSUMER}/round_trip.cpp" -o "${WORK}/plain_cxx20" ${FLAG_LIST} ${flags})
 step("${CC}" -std=c11 -pedantic-errors "${CONSUMER}/round_trip.c" -o "${WORK}/plain_c11"
      ${FLAG_LIST} ${flags})
-foreach(program plain_cxx17 plain_cxx20 plain_c11)
+set(plainPrograms plain_cxx17 plain_cxx20 plain_c11)
+
+# The static library, by a compiler that adds no C++ runtime of its own.
+if(EXISTS "${libFolder}/libtq.a")
+  execute_process(COMMAND ${pkgConfig} --static --cflags --libs tq OUTPUT_VARIABLE flags
+                  OUTPUT_STRIP_TRAILING_WHITESPACE COMMAND_ERROR_IS_FATAL ANY)
+  separate_arguments(flags UNIX_COMMAND "${flags}")
+  list(TRANSFORM flags REPLACE "^-ltq$" "${libFolder}/libtq.a")
+  step("${CC}" -std=c11 "${CONSUMER}/round_trip.c" -o "${WORK}/plain_c11_static"
+       ${FLAG_LIST} ${flags})
+  list(APPEND plainPrograms plain_c11_static)
+endif()
+foreach(program IN LISTS plainPrograms)
   step("${WORK}/${program}")
 endforeach()
