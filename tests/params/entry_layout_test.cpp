@@ -2,6 +2,7 @@
 
 #include "support/bytes.h"
 #include "support/hex.h"
+#include "support/seeded_random.h"
 
 #include <tq/memory_buffer.h>
 #include <tq/types.h>
@@ -10,6 +11,7 @@
 
 #include <cstdint>
 #include <cstring>
+#include <iterator>
 #include <memory>
 #include <string>
 #include <utility>
@@ -28,6 +30,40 @@ uint64_t SizeOf(const Bytes& value) {
   const std::unique_ptr<uint8_t[]> exact(new uint8_t[value.size()]);
   if (!value.empty()) std::memcpy(exact.get(), value.data(), value.size());
   return ValueSizeWithin(exact.get(), value.size());
+}
+
+/// What a step over an entry comes to: its length, or -1 for no data and -2 for damage.
+template <typename Step>
+int64_t OutcomeOf(Step step, const Bytes& block) {
+  const std::unique_ptr<uint8_t[]> exact(new uint8_t[block.size()]);
+  std::memcpy(exact.get(), block.data(), block.size());
+  try {
+    return static_cast<int64_t>(step(exact.get(), exact.get() + block.size()));
+  } catch (const NoData&) {
+    return -1;
+  } catch (const Damaged&) {
+    return -2;
+  }
+}
+
+TEST(EntryLayout, QuickStepsAreTheOnesThatGoByteByByte) {
+  SeededRandom random(1);
+  constexpr uint8_t TYPES[] = {0, 1, 2, 3, 4, 5, 6, 0x80, 0x81, 0x82, 0x83, 0x84, 0x85, 0x86, 0xFF};
+  int steps = 0;
+  for (int i = 0; i < 200000; ++i) {
+    Bytes block(1 + random.Below(40));
+    // Small numbers and zeros, so that counts, offsets and texts often fit.
+    for (uint8_t& byte : block) {
+      byte = static_cast<uint8_t>(random.OneIn(2) ? 0 : random.Below(random.OneIn(4) ? 256 : 8));
+    }
+    const uint32_t head = random.Below(9);
+    block[0] = static_cast<uint8_t>(head);
+    if (head < block.size()) block[head] = TYPES[random.Below(std::size(TYPES))];
+    const int64_t slow = OutcomeOf(StepOverSlowly, block);
+    ASSERT_EQ(OutcomeOf(StepOver, block), slow) << ToHex(block);
+    steps += slow > 0 ? 1 : 0;
+  }
+  EXPECT_GT(steps, 20000) << "hardly any block was one";
 }
 
 uint64_t SizeOf(const char* hex) { return SizeOf(FromHex(hex)); }
