@@ -33,6 +33,9 @@ class TQMemoryBufferTpl2 {
   /// a multiple of 4.
   void AppendName(const char* name, uint8_t type);
 
+  /// The same for a name whose length is known.
+  void AppendName(const char* name, uint64_t nameLength, uint8_t type);
+
   /// Appends `length` bytes, then zeros up to a multiple of 4.
   void AppendAligned(const void* source, uint32_t length);
 

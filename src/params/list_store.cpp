@@ -36,7 +36,6 @@ const char* TextOrEmpty(const char* text) { return text != nullptr ? text : ""; 
 /// name of usual length is compared as a second word, which ends with the name.
 class NameToFind {
  public:
-  explicit NameToFind(const char* text) : NameToFind(text, std::strlen(text)) {}
   NameToFind(const char* text, std::size_t length)
       : name(text), sizeWithZero(length + 1), wordWanted(FirstBytes() << (8 * NAME_OFFSET)) {
     constexpr uint64_t ALL = ~uint64_t{0};
@@ -139,10 +138,13 @@ uint32_t FastHolderImpl::NextPosition(uint32_t position) const {
   return position + static_cast<uint32_t>(StepOver(data + position, data + size));
 }
 
-/// One pass over the block, by contract: there is no index.
 const _tag_TQPARAMINFO* FastHolderImpl::FindParam(const char* name) const {
-  if (size == 0) return nullptr;
-  const NameToFind wanted(name);
+  return size != 0 ? FindParam(name, std::strlen(name)) : nullptr;
+}
+
+/// One pass over the block, by contract: there is no index.
+const _tag_TQPARAMINFO* FastHolderImpl::FindParam(const char* name, std::size_t nameLength) const {
+  const NameToFind wanted(name, nameLength);
   const uint8_t* const end = data + size;
   for (const uint8_t* entry = data; entry != end; entry += StepOver(entry, end)) {
     if (wanted.IsOf(entry, end)) return reinterpret_cast<const _tag_TQPARAMINFO*>(entry);
@@ -278,9 +280,10 @@ void FastHolderImpl::ReleaseArraySlots(uint32_t position) {
 // --- stores --------------------------------------------------------------------------------------
 
 void FastHolderImpl::BeginStore(const char* name, uint8_t type, uint64_t payloadSize) {
-  RemoveParam(FindParam(name));
-  Grow(CheckedSize(HeadSize(std::strlen(name)) + Padded(payloadSize)));
-  owner->AppendName(name, type);
+  const std::size_t nameLength = std::strlen(name);
+  RemoveParam(FindParam(name, nameLength));
+  Grow(CheckedSize(HeadSize(nameLength) + Padded(payloadSize)));
+  owner->AppendName(name, nameLength, type);
 }
 
 uint32_t FastHolderImpl::PushHandle(FastHolderImpl* list) {

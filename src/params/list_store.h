@@ -43,6 +43,9 @@ class FastHolderImpl final : public MTObjects::MTReferencedTypeBase, public TQMe
   /// The entry of that name, the first where a peer sent several, or null.
   const _tag_TQPARAMINFO* FindParam(const char* name) const;
 
+  /// The same for a name whose length is known.
+  const _tag_TQPARAMINFO* FindParam(const char* name, std::size_t nameLength) const;
+
   /// The entry at the start of the block, or null.
   const _tag_TQPARAMINFO* FirstParam() const;
 

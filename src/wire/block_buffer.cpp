@@ -14,6 +14,28 @@
 
 using namespace TQ::detail;
 
+namespace {
+
+/// Copies as memcpy does, but names and short texts by words that may overlap, without a call.
+void CopyBytes(uint8_t* target, const void* source, std::size_t count) {
+  const auto* from = static_cast<const uint8_t*>(source);
+  if (count > 2 * QWORD_SIZE) {
+    std::memcpy(target, from, count);
+  } else if (count >= QWORD_SIZE) {
+    const uint64_t last = LoadQword(from + count - QWORD_SIZE);
+    StoreQword(target, LoadQword(from));
+    StoreQword(target + count - QWORD_SIZE, last);
+  } else if (count >= DWORD_SIZE) {
+    const uint32_t last = LoadDword(from + count - DWORD_SIZE);
+    StoreDword(target, LoadDword(from));
+    StoreDword(target + count - DWORD_SIZE, last);
+  } else {
+    for (std::size_t i = 0; i < count; ++i) target[i] = from[i];
+  }
+}
+
+}  // namespace
+
 /// Makes room for `byteCount` more bytes and gives the place where they begin; the size stays.
 ///
 /// Intended: the capacity becomes exactly what is needed, with no slack, so that a list costs the
@@ -40,16 +62,24 @@ uint8_t* TQMemoryBufferTpl2<N>::At(uint32_t position, uint32_t byteCount) {
 
 template <unsigned N>
 void TQMemoryBufferTpl2<N>::AppendName(const char* name, uint8_t type) {
-  const std::size_t length = std::strlen(name);
-  const uint64_t headSize = HeadSize(length);
+  AppendName(name, std::strlen(name), type);
+}
+
+template <unsigned N>
+void TQMemoryBufferTpl2<N>::AppendName(const char* name, uint64_t nameLength, uint8_t type) {
+  const uint64_t headSize = HeadSize(nameLength);
   if (headSize > UINT32_MAX) throw std::bad_alloc();
   uint8_t* head = Grow(static_cast<uint32_t>(headSize));
+  // The zeros are at most four bytes in front of the type: the name then covers what is too much.
+  if (headSize >= QWORD_SIZE) {
+    StoreQword(head + headSize - QWORD_SIZE, uint64_t{type} << 56);
+  } else {
+    StoreDword(head, uint32_t{type} << 24);
+  }
   // Intended: the offset is one byte wide and nothing checks it. A name above 253 bytes keeps the
   // low byte alone, and its list reads back wrong from there on.
   head[0] = static_cast<uint8_t>(headSize - 1);
-  std::copy_n(name, length, head + 1);
-  std::memset(head + 1 + length, 0, static_cast<std::size_t>(headSize) - 2 - length);
-  head[headSize - 1] = type;
+  CopyBytes(head + 1, name, static_cast<std::size_t>(nameLength));
   size += static_cast<uint32_t>(headSize);
 }
 
@@ -59,8 +89,8 @@ void TQMemoryBufferTpl2<N>::AppendAligned(const void* source, uint32_t length) {
   if (padded > UINT32_MAX) throw std::bad_alloc();
   if (padded == 0) return;
   uint8_t* place = Grow(static_cast<uint32_t>(padded));
-  std::memcpy(place, source, length);
-  std::memset(place + length, 0, static_cast<std::size_t>(padded) - length);
+  StoreDword(place + padded - DWORD_SIZE, 0);
+  CopyBytes(place, source, length);
   size += static_cast<uint32_t>(padded);
 }
 
