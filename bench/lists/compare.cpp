@@ -114,9 +114,9 @@ bool AllAgree(const std::vector<Library>& libraries, const ManyContent& content)
 }
 
 std::vector<Library> Libraries() {
-  return {TqLibrary(),       ProtobufLibrary(), ProtobufReusedLibrary(),
-          CapnpLibrary(),    MsgpackLibrary(),  FlexBuffersLibrary(),
-          GVariantLibrary(), CborLibrary(),     JsonLibrary()};
+  return {TqLibrary(),    TqReusedLibrary(), ProtobufLibrary(),    ProtobufReusedLibrary(),
+          CapnpLibrary(), MsgpackLibrary(),  FlexBuffersLibrary(), GVariantLibrary(),
+          CborLibrary(),  JsonLibrary()};
 }
 
 void RegisterAll(const std::vector<Library>& libraries, const ManyContent& content) {

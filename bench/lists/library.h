@@ -55,6 +55,7 @@ struct Library {
 
 // Each in the file of its name.
 Library TqLibrary();
+Library TqReusedLibrary();
 Library ProtobufLibrary();
 Library ProtobufReusedLibrary();
 Library CapnpLibrary();

@@ -1,4 +1,6 @@
-// This library: a new list for each message, as its hosts make them.
+// This library: once with a new list for each message, as most hosts make them, and once with one
+// list that is emptied and filled again, which keeps its memory. What comes in is a new list
+// always.
 #include "library.h"
 #include "params/list_store.h"
 #include "wire/frame_layout.h"
@@ -39,11 +41,16 @@ uint64_t ReadOrder(HTQPARAMLIST list) {
 
 class TqMessage : public Message {
  public:
+  explicit TqMessage(bool keepsList) : reused(keepsList) {}
   ~TqMessage() override { CloseBoth(); }
 
   void Build() final {
-    TQCloseHandle(built);
-    built = TQCreateParamList();
+    if (reused && built.impl != nullptr) {
+      TQRemoveAllValues(built);
+    } else {
+      TQCloseHandle(built);
+      built = TQCreateParamList();
+    }
     Fill();
   }
 
@@ -62,8 +69,11 @@ class TqMessage : public Message {
   }
 
   void Drop() final {
-    CloseBoth();
-    built = received = {nullptr};
+    TQCloseHandle(received);
+    received = {nullptr};
+    if (reused) return;
+    TQCloseHandle(built);
+    built = {nullptr};
   }
 
  protected:
@@ -77,22 +87,29 @@ class TqMessage : public Message {
     TQCloseHandle(built);
     TQCloseHandle(received);
   }
+
+  const bool reused;
 };
 
 class Order final : public TqMessage {
+  using TqMessage::TqMessage;
   void Fill() override { FillOrder(built); }
   uint64_t Read() override { return ReadOrder(received); }
 };
 
 class Nested final : public TqMessage {
+  using TqMessage::TqMessage;
   void Fill() override {
-    FillOrder(built);
-    for (int level = 0; level < NESTING; ++level) {
+    HTQPARAMLIST inner = TQCreateParamList();
+    FillOrder(inner);
+    for (int level = 1; level < NESTING; ++level) {
       const HTQPARAMLIST outer = TQCreateParamList();
-      TQSetHandleValue(outer, "inner", built);
-      TQCloseHandle(built);
-      built = outer;
+      TQSetHandleValue(outer, "inner", inner);
+      TQCloseHandle(inner);
+      inner = outer;
     }
+    TQSetHandleValue(built, "inner", inner);
+    TQCloseHandle(inner);
   }
 
   uint64_t Read() override {
@@ -110,7 +127,7 @@ class Nested final : public TqMessage {
 
 class ManyMessage : public TqMessage {
  public:
-  explicit ManyMessage(const ManyContent& values) : content(values) {}
+  ManyMessage(bool keepsList, const ManyContent& values) : TqMessage(keepsList), content(values) {}
 
  protected:
   const ManyContent& content;
@@ -132,7 +149,8 @@ class Integers final : public ManyMessage {
 
 class Texts final : public ManyMessage {
  public:
-  explicit Texts(const ManyContent& values) : ManyMessage(values), texts(values.names.size()) {}
+  Texts(bool keepsList, const ManyContent& values)
+      : ManyMessage(keepsList, values), texts(values.names.size()) {}
 
  private:
   void Fill() override {
@@ -166,24 +184,26 @@ class Values final : public ManyMessage {
   }
 };
 
+template <bool REUSED>
 std::unique_ptr<Message> Make(Shape shape, const ManyContent& content) {
   switch (shape) {
     case Shape::ORDER:
-      return std::make_unique<Order>();
+      return std::make_unique<Order>(REUSED);
     case Shape::NESTED:
-      return std::make_unique<Nested>();
+      return std::make_unique<Nested>(REUSED);
     case Shape::INTEGERS:
-      return std::make_unique<Integers>(content);
+      return std::make_unique<Integers>(REUSED, content);
     case Shape::TEXTS:
-      return std::make_unique<Texts>(content);
+      return std::make_unique<Texts>(REUSED, content);
     case Shape::VALUES:
-      return std::make_unique<Values>(content);
+      return std::make_unique<Values>(REUSED, content);
   }
   return nullptr;
 }
 
 }  // namespace
 
-Library TqLibrary() { return {"tq", Access::BY_NAME, &Make}; }
+Library TqLibrary() { return {"tq", Access::BY_NAME, &Make<false>}; }
+Library TqReusedLibrary() { return {"tq_reused", Access::BY_NAME, &Make<true>}; }
 
 }  // namespace TQ::bench

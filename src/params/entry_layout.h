@@ -73,18 +73,21 @@ constexpr std::array<StepRule, 256> MakeStepRules() {
 inline constexpr std::array<StepRule, 256> STEP_RULES = MakeStepRules();
 
 /// Padded size of the text at `text`, terminator included, or 0 when its end is too near to `end`
-/// to be looked for in words. The first zero byte of a word is found as in "Hacker's Delight", 6-1.
+/// to be looked for in words. The first zero byte of a word is found as in "Hacker's Delight", 6-1:
+/// the lowest mark is right, those above it may not be.
 inline uint64_t PaddedTextSize(const uint8_t* text, const uint8_t* end) {
-  for (const uint8_t* word = text; static_cast<uint64_t>(end - word) >= QWORD_SIZE;
-       word += QWORD_SIZE) {
+  const uint8_t* word = text;
+  for (; static_cast<uint64_t>(end - word) >= QWORD_SIZE; word += QWORD_SIZE) {
     const uint64_t bytes = LoadQword(word);
     const uint64_t zeros = (bytes - 0x0101010101010101u) & ~bytes & 0x8080808080808080u;
     if (zeros == 0) continue;
     const auto before = static_cast<uint64_t>(word - text);
-    // The lowest mark is that of the first zero byte; those above it may be wrong.
     return static_cast<uint32_t>(zeros) != 0 ? before + DWORD_SIZE : before + QWORD_SIZE;
   }
-  return 0;
+  if (static_cast<uint64_t>(end - word) < DWORD_SIZE) return 0;
+  const uint32_t bytes = LoadDword(word);
+  const bool hasZero = ((bytes - 0x01010101u) & ~bytes & 0x80808080u) != 0;
+  return hasZero ? static_cast<uint64_t>(word - text) + DWORD_SIZE : 0;
 }
 
 /// StepOver for a head of `head` bytes. The types are told apart by branches where a table would
