@@ -3,8 +3,8 @@
 #include "frame/little_endian.h"
 #include "frame/object_counts.h"
 #include "frame/private_heap.h"
+#include "params/name_to_find.h"
 
-#include <algorithm>
 #include <cstring>
 #include <new>
 #include <vector>
@@ -19,10 +19,7 @@ const _tag_HTQPARAMLIST g_nullParamList = {nullptr};
 
 namespace {
 
-constexpr uint32_t NAME_OFFSET = 1;  // the name stands behind the valueOffset byte
 constexpr uint32_t NO_POSITION = UINT32_MAX;
-
-using NoData = TQMemoryBufferTpl2<0>::NoDataExeption;
 
 uint32_t CheckedSize(uint64_t byteCount) {
   if (byteCount > UINT32_MAX) throw std::bad_alloc();
@@ -30,65 +27,6 @@ uint32_t CheckedSize(uint64_t byteCount) {
 }
 
 const char* TextOrEmpty(const char* text) { return text != nullptr ? text : ""; }
-
-/// A name that is looked for among entries. Most entries differ in their first bytes, so these are
-/// compared as one word, next to the valueOffset byte that they share it with. What follows in a
-/// name of usual length is compared as a second word, which ends with the name.
-class NameToFind {
- public:
-  NameToFind(const char* text, std::size_t length)
-      : name(text), sizeWithZero(length + 1), wordWanted(FirstBytes() << (8 * NAME_OFFSET)) {
-    constexpr uint64_t ALL = ~uint64_t{0};
-    const std::size_t inWord = std::min<std::size_t>(sizeWithZero, IN_WORD);
-    wordMask = (ALL >> (8 * (IN_WORD - inWord))) & (ALL << (8 * NAME_OFFSET));
-    if (sizeWithZero > IN_WORD) tailWanted = LoadQword(name + sizeWithZero - QWORD_SIZE);
-  }
-
-  /// Whether `entry` has the name. Its end comes from the block, which a peer may have sent: it is
-  /// looked for before `end` only.
-  bool IsOf(const uint8_t* entry, const uint8_t* end) const {
-    const auto available = static_cast<std::size_t>(end - entry);
-    const bool whole = available >= NAME_OFFSET + sizeWithZero;
-    if (available >= QWORD_SIZE) {
-      if (((LoadQword(entry) ^ wordWanted) & wordMask) != 0) return false;
-      if (whole) return HasRest(entry);
-    }
-    if (whole) return std::memcmp(entry + NAME_OFFSET, name, sizeWithZero) == 0;
-    if (std::memcmp(entry + NAME_OFFSET, name, available - NAME_OFFSET) != 0) return false;
-    throw NoData();
-  }
-
- private:
-  static constexpr std::size_t IN_WORD = QWORD_SIZE - NAME_OFFSET;
-
-  /// The name's first bytes, its zero included; of a name that goes on, one too many.
-  uint64_t FirstBytes() const {
-    if (sizeWithZero > IN_WORD) return LoadQword(name);
-    if (sizeWithZero >= DWORD_SIZE) {
-      const std::size_t rest = sizeWithZero - DWORD_SIZE;
-      return LoadDword(name) | uint64_t{LoadDword(name + rest)} << (8 * rest);
-    }
-    uint64_t bytes = 0;
-    for (std::size_t i = 0; i < sizeWithZero; ++i) {
-      bytes |= uint64_t{static_cast<uint8_t>(name[i])} << (8 * i);
-    }
-    return bytes;
-  }
-
-  bool HasRest(const uint8_t* entry) const {
-    if (sizeWithZero <= IN_WORD) return true;
-    if (sizeWithZero <= IN_WORD + QWORD_SIZE) {
-      return LoadQword(entry + NAME_OFFSET + sizeWithZero - QWORD_SIZE) == tailWanted;
-    }
-    return std::memcmp(entry + NAME_OFFSET, name, sizeWithZero) == 0;
-  }
-
-  const char* name;
-  std::size_t sizeWithZero;
-  uint64_t wordWanted;
-  uint64_t wordMask = 0;
-  uint64_t tailWanted = 0;
-};
 
 }  // namespace
 
@@ -346,11 +284,14 @@ void FastHolderImpl::StoreHandleArray(const char* name, const _tag_HTQPARAMLIST*
   FinishStore();
 }
 
-/// The count, a table of offsets from the end of that table, and the elements in order.
-template <typename AppendElement>
-void FastHolderImpl::StoreOffsetArray(const char* name, uint8_t type, uint32_t count,
-                                      AppendElement appendElement) {
-  BeginStore(name, type, DWORD_SIZE * (uint64_t{count} + 1));
+/// The count, a table of offsets from the end of that table, and the elements in order: `sizeOf`
+/// tells what element i takes, padding left out, and `append` appends it.
+template <typename SizeOf, typename Append>
+void FastHolderImpl::StoreOffsetArray(const char* name, uint8_t type, uint32_t count, SizeOf sizeOf,
+                                      Append append) {
+  uint64_t payloadSize = DWORD_SIZE * (uint64_t{count} + 1);
+  for (uint32_t i = 0; i < count; ++i) payloadSize += Padded(sizeOf(i));
+  BeginStore(name, type, payloadSize);
   owner->AppendDword(count);
   const uint32_t table = size;
   const uint32_t tableSize = CheckedSize(uint64_t{count} * DWORD_SIZE);
@@ -359,26 +300,32 @@ void FastHolderImpl::StoreOffsetArray(const char* name, uint8_t type, uint32_t c
   const uint32_t elements = size;
   for (uint32_t i = 0; i < count; ++i) {
     StoreDword(At(table + i * DWORD_SIZE, DWORD_SIZE), size - elements);
-    appendElement(i);
+    append(i);
   }
   FinishStore();
 }
 
 void FastHolderImpl::StoreStringArray(const char* name, const char* const* values, uint32_t count) {
-  StoreOffsetArray(name, ArrayOf(PT_STRING), count, [this, values](uint32_t i) {
-    const char* text = TextOrEmpty(values[i]);
-    owner->AppendAligned(text, CheckedSize(uint64_t{std::strlen(text)} + 1));
+  const auto sizeOf = [values](uint32_t i) {
+    return uint64_t{std::strlen(TextOrEmpty(values[i]))} + 1;
+  };
+  StoreOffsetArray(name, ArrayOf(PT_STRING), count, sizeOf, [this, values, &sizeOf](uint32_t i) {
+    owner->AppendAligned(TextOrEmpty(values[i]), CheckedSize(sizeOf(i)));
   });
 }
 
 void FastHolderImpl::StoreBinaryArray(const char* name, const void* const* datas,
                                       const uint32_t* sizes, uint32_t count) {
-  StoreOffsetArray(name, ArrayOf(PT_BINARY), count,
-                   [this, datas, sizes](uint32_t i) { AppendBinary(datas[i], sizes[i]); });
+  StoreOffsetArray(
+      name, ArrayOf(PT_BINARY), count,
+      [sizes](uint32_t i) { return uint64_t{DWORD_SIZE} + sizes[i]; },
+      [this, datas, sizes](uint32_t i) { AppendBinary(datas[i], sizes[i]); });
 }
 
 void FastHolderImpl::StoreBinaryItemArray(const char* name, const _tag_BINARYITEM* items,
                                           uint32_t count) {
-  StoreOffsetArray(name, ArrayOf(PT_BINARY), count,
-                   [this, items](uint32_t i) { AppendBinary(items[i].data, items[i].size); });
+  StoreOffsetArray(
+      name, ArrayOf(PT_BINARY), count,
+      [items](uint32_t i) { return uint64_t{DWORD_SIZE} + items[i].size; },
+      [this, items](uint32_t i) { AppendBinary(items[i].data, items[i].size); });
 }

@@ -126,9 +126,9 @@ class FastHolderImpl final : public MTObjects::MTReferencedTypeBase, public TQMe
   uint32_t PushHandle(FastHolderImpl* list);
   void StoreDwords(const char* name, uint8_t type, const void* values, uint32_t count,
                    uint32_t elementSize);
-  template <typename AppendElement>
-  void StoreOffsetArray(const char* name, uint8_t type, uint32_t count,
-                        AppendElement appendElement);
+  template <typename SizeOf, typename Append>
+  void StoreOffsetArray(const char* name, uint8_t type, uint32_t count, SizeOf sizeOf,
+                        Append append);
   void AppendBinary(const void* bytes, uint32_t length);
 
   void ReleaseHandleSlots(uint32_t position);
