@@ -17,7 +17,7 @@ done
 json=$(mktemp -d)
 trap 'rm -r "$json"' EXIT
 
-min_time=0.05 repetitions=9 lists=()
+min_time=0.02 repetitions=9 lists=()
 if [ ${#quick[@]} -gt 0 ]; then
   min_time=0.005 repetitions=3 lists=(--benchmark_min_time=0.02)
 fi

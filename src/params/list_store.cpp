@@ -289,15 +289,16 @@ void FastHolderImpl::StoreHandleArray(const char* name, const _tag_HTQPARAMLIST*
 template <typename SizeOf, typename Append>
 void FastHolderImpl::StoreOffsetArray(const char* name, uint8_t type, uint32_t count, SizeOf sizeOf,
                                       Append append) {
-  uint64_t payloadSize = DWORD_SIZE * (uint64_t{count} + 1);
-  for (uint32_t i = 0; i < count; ++i) payloadSize += Padded(sizeOf(i));
-  BeginStore(name, type, payloadSize);
+  BeginStore(name, type, DWORD_SIZE * (uint64_t{count} + 1));
   owner->AppendDword(count);
   const uint32_t table = size;
   const uint32_t tableSize = CheckedSize(uint64_t{count} * DWORD_SIZE);
   Grow(tableSize);
   size += tableSize;
   const uint32_t elements = size;
+  uint64_t elementsSize = 0;
+  for (uint32_t i = 0; i < count; ++i) elementsSize += Padded(sizeOf(i));
+  Grow(CheckedSize(elementsSize));
   for (uint32_t i = 0; i < count; ++i) {
     StoreDword(At(table + i * DWORD_SIZE, DWORD_SIZE), size - elements);
     append(i);
