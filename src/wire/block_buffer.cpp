@@ -19,7 +19,7 @@ namespace {
 /// Copies as memcpy does, but names and short texts by words that may overlap, without a call.
 void CopyBytes(uint8_t* target, const void* source, std::size_t count) {
   const auto* from = static_cast<const uint8_t*>(source);
-  if (count > 2 * QWORD_SIZE) {
+  if (count > std::size_t{2} * QWORD_SIZE) {
     std::memcpy(target, from, count);
   } else if (count >= QWORD_SIZE) {
     const uint64_t last = LoadQword(from + count - QWORD_SIZE);
